@@ -1,0 +1,16 @@
+// Product texts shared by the service host and the installer queue.
+#pragma once
+
+struct ProductConstantsTable {
+    const char* productName;   // "Korvanta Cloud"
+    const char* productFolder; // the product's folder word, "Cloud"
+    const char* pushEventName; // the global event clients signal
+    const char* companyName;   // "Korvanta"
+    const char* webSite;       // not used by the service
+};
+
+// Writable, so a build for another product can point the entries elsewhere.
+extern ProductConstantsTable ProductConstants;
+
+inline constexpr char kServiceVersion[] = "24.7.0.57";
+inline constexpr char kServiceDisplaySuffix[] = "Client Update Service";

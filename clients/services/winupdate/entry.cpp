@@ -1,0 +1,72 @@
+// The process's entry point: module identity first, then install or run as a service.
+#include <windows.h>
+
+#include <fcntl.h>
+#include <io.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cwchar>
+
+#include "constants.h"
+#include "host.h"
+#include "private/system.h"
+#include "report.h"
+
+namespace {
+
+Str ToStr(const std::wstring& text) {
+    return Str::FromUtf16(text.c_str(), static_cast<uint32_t>(text.size()));
+}
+
+// Wide formatted output to standard output, byte for byte: the text carries its
+// own CR LF, which a text-mode stream would double, and a binary-mode stream
+// would write wide characters as raw UTF-16. So format wide, write UTF-8.
+void PrintWide(const wchar_t* format, ...) {
+    wchar_t buffer[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vswprintf(buffer, 1024, format, arguments);
+    va_end(arguments);
+    if (length <= 0)
+        return;
+    const Str text = Str::FromUtf16(buffer, static_cast<uint32_t>(length));
+    fflush(stdout);
+    const int previous = _setmode(_fileno(stdout), _O_BINARY);
+    fwrite(text.Text(), 1, text.Length(), stdout);
+    fflush(stdout);
+    if (previous != -1)
+        _setmode(_fileno(stdout), previous);
+}
+
+} // namespace
+
+int ServiceEntryPoint() {
+    const std::wstring modulePath = GetModulePath();
+    const std::wstring serviceName = GetServiceName();
+    const std::wstring displayName = GetServiceDisplayName(false);
+
+    SetModulePath(ToStr(modulePath));
+    SetApplicationName(ToStr(displayName));
+    SetModuleVersion(Str(kServiceVersion));
+    InstallEventSource(ToStr(displayName));
+
+    const Str argument = CommandLineArgument(1);
+    if (CompareTextEx(argument.Text(), "install", true) == 0) {
+        PrintWide(L"\r\nInstalling [");
+        // The display name is the format itself; the product texts hold no '%'.
+        PrintWide(GetServiceDisplayName(true).c_str());
+        PrintWide(L"].\r\n");
+        return InstallService();
+    }
+
+    SERVICE_TABLE_ENTRYW table[2] = {};
+    std::wstring name = serviceName;
+    table[0].lpServiceName = name.data();
+    table[0].lpServiceProc = ServiceMain;
+    if (!StartServiceCtrlDispatcherW(table)) {
+        ReportFunctionFailure("StartServiceCtrlDispatcher");
+        return 1;
+    }
+    return 0;
+}

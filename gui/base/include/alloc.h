@@ -1,0 +1,12 @@
+// The one allocation pair behind every block of the base library. The caller
+// passes the size again on release, so blocks carry no header of their own.
+#pragma once
+
+#include <cstddef>
+
+void* AllocParticle(size_t bytes);
+void FreeParticle(size_t bytes, void* pointer);
+
+// Test seam: when set and returning true for a request, that allocation fails.
+using AllocFailureHook = bool (*)(size_t bytes);
+void SetAllocFailureHook(AllocFailureHook hook);

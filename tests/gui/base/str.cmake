@@ -1,0 +1,1 @@
+kvt_add_test(str_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/str_test.cpp)

@@ -1,0 +1,47 @@
+// Helpers shared by the tests: environment, child processes, scratch directories.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <string>
+
+namespace testsupport {
+
+// An environment variable of the test run ("" when absent).
+std::wstring Env(const wchar_t* name);
+std::string Narrow(const std::wstring& text); // UTF-16 -> UTF-8
+std::wstring Widen(const std::string& text);  // UTF-8 -> UTF-16
+
+struct ProcessResult {
+    bool started = false;
+    DWORD exitCode = 0;
+    std::string out; // standard output, raw bytes
+    std::string err; // standard error, raw bytes
+};
+
+// Runs a command line to its end with standard output and error captured.
+// environment: extra "NAME=value" entries separated by '\n' (empty: inherit as is).
+ProcessResult RunProcess(const std::wstring& commandLine, const std::wstring& environment = L"",
+                         DWORD timeoutMs = 60000);
+
+// A fresh directory below the build tree's scratch area, removed by its owner's destructor.
+class ScratchDir {
+  public:
+    explicit ScratchDir(const std::wstring& tag);
+    ~ScratchDir();
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+    const std::wstring& Path() const { return m_path; }
+    std::wstring Join(const std::wstring& name) const { return m_path + L"\\" + name; }
+
+  private:
+    std::wstring m_path;
+};
+
+void RemoveTree(const std::wstring& path);
+bool WriteFileBytes(const std::wstring& path, const std::string& bytes);
+bool ReadFileBytes(const std::wstring& path, std::string& bytes);
+bool PathExists(const std::wstring& path);
+
+} // namespace testsupport
