@@ -1,63 +1,808 @@
-// Reporting, event log and log type. (Being completed.)
+// Reporting: report lines, interactive reports, operational events, the log
+// type, event sources, system error texts and the module identity.
 #include "report.h"
 
+#include <windows.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "handles.h"
+#include "json.h"
+#include "locks.h"
+#include "registry.h"
+#include "trace.h"
 
 namespace {
-Str s_modulePath, s_applicationName, s_moduleVersion("24.7.0.15");
+
+const char kSourceFile[] = "gui\\base\\source\\error";
+const char kEventLogKey[] = "HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\"
+                            "Application";
+const char kLibrarySource[] = "QELGUI";
+
+// Module identity. Set once by the entry point, before any other thread runs.
+Str s_modulePath;
+Str s_applicationName;
+Str s_moduleVersion("24.7.0.15");
+
+bool s_reportingEnabled = true;
+bool s_processAllowsBoxes = true;
+bool s_userAllowsBoxes = true;
+
+thread_local ThreadReportState t_reportState;
+
+char CategoryLetter(uint32_t category) {
+    switch (category) {
+    case 8192:
+        return 'T';
+    case 12288:
+        return 'F';
+    case 16384:
+        return 'K';
+    case 20480:
+        return 'C';
+    case 24576:
+        return 'I';
+    default:
+        return 'E';
+    }
 }
 
+char SeverityLetter(int32_t severity, char categoryLetter) {
+    switch (severity) {
+    case 2:
+        return 'X';
+    case 4:
+        return 'M';
+    case 8:
+        return 'S';
+    case 16:
+        return 'A';
+    case 32:
+        return 'W';
+    default:
+        return categoryLetter;
+    }
+}
+
+bool Passes(const ThreadReportState* state, int32_t severity) {
+    return state->suppressCount == 0 &&
+           (static_cast<uint32_t>(severity) & ~state->severityMask) == 0;
+}
+
+// Appends printf-style text to a fixed buffer; false once it would not fit.
+bool Put(char* buffer, size_t& used, const char* format, ...)
+    __attribute__((format(gnu_printf, 3, 4)));
+bool Put(char* buffer, size_t& used, const char* format, ...) {
+    if (used >= kReportLineLimit)
+        return false;
+    va_list arguments;
+    va_start(arguments, format);
+    const int n = vsnprintf(buffer + used, kReportLineLimit + 1 - used, format, arguments);
+    va_end(arguments);
+    if (n < 0 || used + static_cast<size_t>(n) > kReportLineLimit) {
+        used = kReportLineLimit;
+        return false;
+    }
+    used += static_cast<size_t>(n);
+    return true;
+}
+
+uint32_t ChooseHeaderFlags(const ThreadReportState* state) {
+    if (state->headerFlagsOverride)
+        return state->headerFlags;
+    return GetSharedHeaderFlags();
+}
+
+// Builds the header; returns its length, or kReportLineLimit when it is too long.
+size_t BuildHeader(char* header, uint32_t flags, uint32_t category, int32_t severity,
+                   const char* sourceFile, uint32_t line, ThreadReportState* state) {
+    size_t used = 0;
+    header[0] = 0;
+    if ((flags & kHeaderNoLetters) == 0) {
+        const char c = CategoryLetter(category);
+        Put(header, used, "%c%c", c, SeverityLetter(severity, c));
+    }
+    if (flags & kHeaderProcessId)
+        Put(header, used, "|0x%lx", static_cast<unsigned long>(GetCurrentProcessId()));
+    if (flags & kHeaderThreadId)
+        Put(header, used, "|0x%lx", static_cast<unsigned long>(GetCurrentThreadId()));
+    if (flags & kHeaderModule)
+        Put(header, used, "|%s", GetModuleBaseName().Text());
+    if (flags & kHeaderSourceFile)
+        Put(header, used, "|%s", sourceFile != nullptr ? sourceFile : "");
+    if ((flags & kHeaderLine) && sourceFile != nullptr) {
+        char digits[16];
+        snprintf(digits, sizeof digits, "%lu", static_cast<unsigned long>(line));
+        const size_t n = strlen(digits);
+        Put(header, used, "|%.*s%s", n < 5 ? static_cast<int>(5 - n) : 0, ".....", digits);
+    }
+    if (flags & kHeaderStackDepth) {
+        const auto frame = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
+        if (frame > state->highestStack)
+            state->highestStack = frame;
+        Put(header, used, "|%llu", static_cast<unsigned long long>(state->highestStack - frame));
+    }
+    if (flags & kHeaderUserName) {
+        char name[32];
+        DWORD size = sizeof name;
+        Put(header, used, "|%s", GetUserNameA(name, &size) ? name : "???");
+    }
+    if (flags != 0xF000)
+        Put(header, used, ": ");
+    return used;
+}
+
+// Cuts at most `room` bytes off `text`, never inside a UTF-8 sequence.
+size_t ChunkLength(const char* text, size_t length, size_t room) {
+    if (length <= room)
+        return length;
+    size_t cut = room;
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80)
+        --cut;
+    return cut == 0 ? room : cut; // a run of stray continuation bytes: cut anyway
+}
+
+void WriteLine(ThreadReportState* state, const char* header, size_t headerLength, uint32_t indent,
+               const char* text, size_t length) {
+    char out[kReportLineLimit + 1];
+    memcpy(out, header, headerLength);
+    size_t start = headerLength;
+    if (headerLength + 80 + indent <= kReportLineLimit) {
+        memset(out + start, ' ', indent);
+        start += indent;
+    }
+    const uint32_t destinations = GetTraceDestinations();
+    do {
+        const size_t chunk = ChunkLength(text, length, kReportLineLimit - start);
+        memcpy(out + start, text, chunk);
+        out[start + chunk] = 0;
+        TraceWrite(state, out, destinations);
+        text += chunk;
+        length -= chunk;
+        start = headerLength; // later chunks carry the header but not the indent
+    } while (length > 0);
+}
+
+} // namespace
+
+ThreadReportState* GetThreadReportState() {
+    return &t_reportState;
+}
+
+void SetReportingEnabled(bool enabled) {
+    s_reportingEnabled = enabled;
+}
+
+void SetInteractionAllowed(bool processAllows, bool userAllows) {
+    s_processAllowsBoxes = processAllows;
+    s_userAllowsBoxes = userAllows;
+}
+
+void WriteReport(uint32_t category, int32_t severity, const char* sourceFile, uint32_t line,
+                 const char* message) {
+    LastErrorKeeper keep;
+    if (message == nullptr || !s_reportingEnabled)
+        return;
+    ThreadReportState* state = GetThreadReportState();
+    if (!Passes(state, severity))
+        return;
+    char header[kReportLineLimit + 1];
+    const size_t headerLength =
+        BuildHeader(header, ChooseHeaderFlags(state), category, severity, sourceFile, line, state);
+    if (headerLength >= kReportLineLimit)
+        return;
+    const char* p = message;
+    do {
+        const char* end = p + strcspn(p, "\r\n");
+        WriteLine(state, header, headerLength, state->indent, p, static_cast<size_t>(end - p));
+        if (*end == '\r' && end[1] == '\n')
+            ++end;
+        p = *end != 0 ? end + 1 : end;
+    } while (*p != 0);
+}
+
+void WriteReportF(uint32_t category, int32_t severity, const char* sourceFile, uint32_t line,
+                  const char* format, ...) {
+    LastErrorKeeper keep;
+    va_list arguments;
+    va_start(arguments, format);
+    const Str text = StrFormatV(format, arguments);
+    va_end(arguments);
+    WriteReport(category, severity, sourceFile, line, text.Text());
+}
+
+namespace {
+
+// The text of the thread's last error, or of errno when that is 0, in the
+// "%s (0x%08lX/%lu)" form.
+Str LastErrorText(DWORD code) {
+    if (code == 0 && errno != 0)
+        return StrFormat("%s (0x%08lX/%lu)", strerror(errno), static_cast<unsigned long>(errno),
+                         static_cast<unsigned long>(errno));
+    return FormatSystemError(code);
+}
+
+} // namespace
+
+void ReportWithSystemError(uint32_t category, int32_t severity, const char* sourceFile,
+                           uint32_t line, const char* message) {
+    LastErrorKeeper keep;
+    const Str error = LastErrorText(keep.Saved());
+    Str joined(message);
+    const uint64_t total = static_cast<uint64_t>(joined.Length()) + 2 + error.Length();
+    if (total > 0xFFFFFFFFull || !joined.Append(": ") || !joined.Append(error))
+        joined.Clear();
+    WriteReport(category, severity, sourceFile, line, joined.Text());
+}
+
+// ---------------------------------------------------------------------------
+// Interactive reports
+
+namespace {
+
+struct BoxRequest {
+    const char* text;
+    uint32_t type;
+    int answer;
+    bool shift;
+    bool control;
+};
+
+DWORD WINAPI BoxThread(void* parameter) {
+    auto* request = static_cast<BoxRequest*>(parameter);
+    request->answer =
+        MessageBoxA(nullptr, request->text, "Korvanta Tracer", request->type | 0x11010);
+    request->shift = GetKeyState(VK_SHIFT) < 0;
+    request->control = GetKeyState(VK_CONTROL) < 0;
+    return 0;
+}
+
+BOOL CALLBACK FindThreadWindow(HWND window, LPARAM found) {
+    *reinterpret_cast<HWND*>(found) = window;
+    return FALSE;
+}
+
+// A window station that is not visible (a service's) has no one to answer a box.
+bool HasInteractiveDesktop() {
+    USEROBJECTFLAGS flags{};
+    HWINSTA station = GetProcessWindowStation();
+    if (station == nullptr ||
+        !GetUserObjectInformationW(station, UOI_FLAGS, &flags, sizeof flags, nullptr))
+        return false;
+    return (flags.dwFlags & WSF_VISIBLE) != 0;
+}
+
+} // namespace
+
+int MessageBoxThread(const char* text, uint32_t type, bool* outShift, bool* outControl) {
+    LastErrorKeeper keep;
+    BoxRequest request{text, type, 0, false, false};
+    if (outShift != nullptr)
+        *outShift = false;
+    if (outControl != nullptr)
+        *outControl = false;
+    DWORD threadId = 0;
+    UniqueHandle thread(CreateThread(nullptr, 0, BoxThread, &request, 0, &threadId));
+    if (!thread)
+        return 0;
+    bool closedByUs = false;
+    bool lastStep = false;
+    for (int step = 1; step <= 20; ++step) {
+        if (WaitForSingleObject(thread.Get(), 500) != WAIT_TIMEOUT)
+            break;
+        HWND window = nullptr;
+        EnumThreadWindows(threadId, FindThreadWindow, reinterpret_cast<LPARAM>(&window));
+        if (window == nullptr) {
+            if (lastStep)
+                break;
+            lastStep = true; // the box is gone (or not yet there): one more step
+            continue;
+        }
+        lastStep = false;
+        if (step == 20) {
+            // Nobody answered within about ten seconds: the box closes itself.
+            PostMessageA(window, WM_CLOSE, 0, 0);
+            closedByUs = true;
+        }
+    }
+    bool terminated = false;
+    if (WaitForSingleObject(thread.Get(), 500) == WAIT_TIMEOUT) {
+        TerminateThread(thread.Get(), 1);
+        terminated = true;
+    }
+    if (terminated || closedByUs)
+        return 0;
+    if (outShift != nullptr)
+        *outShift = request.shift;
+    if (outControl != nullptr)
+        *outControl = request.control;
+    return request.answer;
+}
+
+void ReportAndConfirm(uint32_t category, int32_t severity, const char* sourceFile, uint32_t line,
+                      const char* message) {
+    LastErrorKeeper keep;
+    WriteReport(category, severity, sourceFile, line, message);
+    if (message == nullptr || !s_reportingEnabled || !s_processAllowsBoxes || !s_userAllowsBoxes)
+        return;
+    ThreadReportState* state = GetThreadReportState();
+    if (!Passes(state, severity) || state->inDialog != 0 || state->neverAsk)
+        return;
+    for (uint32_t i = 0; i < state->silencedCount; ++i)
+        if (state->silenced[i].file == sourceFile && state->silenced[i].line == line)
+            return;
+    if (!HasInteractiveDesktop())
+        return;
+    ++state->inDialog;
+    bool shift = false;
+    bool control = false;
+    const int answer = MessageBoxThread(message, MB_OKCANCEL, &shift, &control);
+    if (answer != IDCANCEL) {
+        if (shift)
+            state->neverAsk = true;
+        if (control && state->silencedCount < 128)
+            state->silenced[state->silencedCount++] = {sourceFile, line};
+        --state->inDialog;
+        return;
+    }
+    using IsDebuggerPresentFunction = BOOL(WINAPI*)();
+    const auto isDebuggerPresent =
+        reinterpret_cast<IsDebuggerPresentFunction>(reinterpret_cast<void*>(
+            GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "IsDebuggerPresent")));
+    if (isDebuggerPresent != nullptr && isDebuggerPresent()) {
+        DebugBreak();
+    } else if (MessageBoxThread("Continue?", MB_YESNO, nullptr, nullptr) == IDNO) {
+        FatalExit(1);
+    }
+    --state->inDialog;
+}
+
+// ---------------------------------------------------------------------------
+// System error texts
+
+Str SystemErrorText(uint32_t code) {
+    LastErrorKeeper keep;
+    wchar_t* buffer = nullptr;
+    const DWORD length =
+        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
+                           FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK,
+                       nullptr, code, 0, reinterpret_cast<LPWSTR>(&buffer), 0, nullptr);
+    UniqueLocal owner(buffer);
+    if (length == 0 || buffer == nullptr)
+        return Str();
+    uint32_t end = length;
+    while (end > 0 && iswspace(buffer[end - 1]))
+        --end;
+    uint32_t start = 0;
+    while (start < end && iswspace(buffer[start]))
+        ++start;
+    return Str::FromUtf16(buffer + start, end - start);
+}
+
+Str FormatSystemError(uint32_t code, HMODULE module, uint32_t primaryLanguage, uint32_t subLanguage,
+                      va_list* arguments) {
+    LastErrorKeeper keep;
+    DWORD flags = FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_MAX_WIDTH_MASK |
+                  (module != nullptr ? FORMAT_MESSAGE_FROM_HMODULE : FORMAT_MESSAGE_FROM_SYSTEM);
+    if (arguments == nullptr)
+        flags |= FORMAT_MESSAGE_IGNORE_INSERTS;
+    wchar_t* buffer = nullptr;
+    const DWORD length = FormatMessageW(
+        flags, module, code,
+        MAKELANGID(static_cast<WORD>(primaryLanguage), static_cast<WORD>(subLanguage)),
+        reinterpret_cast<LPWSTR>(&buffer), 0, arguments);
+    UniqueLocal owner(buffer);
+    Str text;
+    if (length != 0 && buffer != nullptr) {
+        uint32_t end = length;
+        while (end > 0 && iswspace(buffer[end - 1]))
+            --end;
+        uint32_t start = 0;
+        while (start < end && iswspace(buffer[start]))
+            ++start;
+        text = Str::FromUtf16(buffer + start, end - start);
+    }
+    return StrFormat("%s (0x%08lX/%lu)", text.IsEmpty() ? "Unknown error" : text.Text(),
+                     static_cast<unsigned long>(code), static_cast<unsigned long>(code));
+}
+
+// ---------------------------------------------------------------------------
+// Module identity
+
+void SetModulePath(const Str& path) {
+    s_modulePath = path;
+}
+void SetApplicationName(const Str& name) {
+    s_applicationName = name;
+}
+void SetModuleVersion(const Str& version) {
+    s_moduleVersion = version;
+}
+Str GetModulePathText() {
+    return s_modulePath;
+}
+Str GetModuleVersion() {
+    return s_moduleVersion;
+}
+
+Str GetModuleBaseName() {
+    static Str s_moduleName;
+    static volatile LONG s_known = 0;
+    if (InterlockedCompareExchange(&s_known, 0, 0) != 0)
+        return s_moduleName;
+    LastErrorKeeper keep;
+    NamedSectionLock lock(GetStaticsSection(), "Str s_modulename");
+    if (s_known == 0) {
+        wchar_t path[261];
+        const DWORD length = GetModuleFileNameW(nullptr, path, 261);
+        if (length != 0 && length < 261) {
+            const wchar_t* name = path;
+            for (const wchar_t* p = path; *p; ++p)
+                if (*p == L'\\' || *p == L'/')
+                    name = p + 1;
+            const wchar_t* dot = wcsrchr(name, L'.');
+            s_moduleName = Str::FromUtf16(
+                name, static_cast<uint32_t>(dot != nullptr ? dot - name : wcslen(name)));
+        }
+        InterlockedExchange(&s_known, 1);
+    }
+    return s_moduleName;
+}
+
+Str GetApplicationName() {
+    if (!s_applicationName.IsEmpty())
+        return s_applicationName;
+    Str fallback = GetModuleBaseName();
+    if (fallback.Block() != nullptr) {
+        Str copy(fallback.Text(), fallback.Length());
+        if (copy.Block() != nullptr)
+            UpperCaseUtf8(copy.Block()->text);
+        return copy;
+    }
+    return fallback;
+}
+
+// ---------------------------------------------------------------------------
+// Log type, event sources, events
+
+LogType GetLogType() {
+    static volatile LONG s_logtype = -1;
+    const LONG known = InterlockedCompareExchange(&s_logtype, -1, -1);
+    if (known >= 0)
+        return static_cast<LogType>(known);
+    LastErrorKeeper keep;
+    NamedSectionLock lock(GetStaticsSection(), "LogType s_logtype");
+    if (s_logtype >= 0)
+        return static_cast<LogType>(s_logtype);
+    LONG type = 0;
+    wchar_t value[256];
+    const DWORD length = GetEnvironmentVariableW(L"LOGTYPE", value, 256);
+    if (length > 0) {
+        const Str text = length < 256 ? Str::FromUtf16(value, length) : Str("?");
+        if (CompareTextEx(text.Text(), "system", true) == 0)
+            type = 0;
+        else if (CompareTextEx(text.Text(), "stdout", true) == 0)
+            type = 1;
+        else if (CompareTextEx(text.Text(), "stderr", true) == 0)
+            type = 2;
+        else
+            ReportAndConfirm(kCategoryBase, kSeverityError, kSourceFile, __LINE__,
+                             StrFormat("GetLogType: Unknown type [%s]", text.Text()).Text());
+    }
+    InterlockedExchange(&s_logtype, type);
+    return static_cast<LogType>(type);
+}
+
+void InstallEventSource(const Str& sourceName) {
+    LastErrorKeeper keep;
+    if (sourceName.IsEmpty() || s_modulePath.IsEmpty())
+        return;
+    WriteRegistryNumber(kEventLogKey, sourceName.Text(), "TypesSupported", 7);
+    WriteRegistryNumber(kEventLogKey, sourceName.Text(), "CategoryCount", 7);
+    WriteRegistryText(kEventLogKey, sourceName.Text(), "CategoryMessageFile", s_modulePath.Text());
+    WriteRegistryText(kEventLogKey, sourceName.Text(), "EventMessageFile", s_modulePath.Text());
+}
+
+namespace {
+
+struct EventSourceEntry {
+    Str name;
+    HANDLE handle;
+    EventSourceEntry* next;
+};
+
+struct EventSourceCache {
+    EventSourceEntry* volatile head = nullptr;
+    NamedSection section;
+    EventSourceCache() { InitNamedSection(&section, "EventSourceCache"); }
+};
+
+EventSourceCache& GetEventSourceCache() {
+    static EventSourceCache s_cache;
+    return s_cache;
+}
+
+HANDLE FindSource(EventSourceEntry* entry, const Str& name) {
+    for (; entry != nullptr; entry = entry->next)
+        if (entry->name == name)
+            return entry->handle;
+    return INVALID_HANDLE_VALUE;
+}
+
+} // namespace
+
+HANDLE GetEventSourceHandle(const Str& sourceName, bool install) {
+    LastErrorKeeper keep;
+    EventSourceCache& cache = GetEventSourceCache();
+    // Entries are prepended and never removed, so a walk without the lock is safe.
+    HANDLE handle = FindSource(__atomic_load_n(&cache.head, __ATOMIC_ACQUIRE), sourceName);
+    if (handle != INVALID_HANDLE_VALUE)
+        return handle;
+    NamedSectionLock lock(&cache.section, "GetEventSourceHandle");
+    handle = FindSource(cache.head, sourceName);
+    if (handle != INVALID_HANDLE_VALUE)
+        return handle;
+    if (install)
+        InstallEventSource(sourceName);
+    const WStr wide = WStr::FromUtf8(sourceName);
+    handle = RegisterEventSourceW(nullptr, wide.Text());
+    auto* entry = new (std::nothrow) EventSourceEntry{sourceName, handle, cache.head};
+    if (entry != nullptr)
+        __atomic_store_n(&cache.head, entry, __ATOMIC_RELEASE);
+    return handle;
+}
+
+namespace {
+
+const char* LevelName(uint32_t level) {
+    switch (level) {
+    case kLevelErr:
+        return "err";
+    case kLevelWarning:
+        return "warning";
+    case kLevelInfo:
+        return "info";
+    case kLevelNotice:
+        return "notice";
+    default:
+        return "unknown";
+    }
+}
+
+WORD EventLogType(uint32_t level) {
+    switch (level) {
+    case kLevelWarning:
+        return EVENTLOG_WARNING_TYPE;
+    case kLevelInfo:
+        return EVENTLOG_INFORMATION_TYPE;
+    case kLevelNotice:
+        return EVENTLOG_SUCCESS;
+    default:
+        return EVENTLOG_ERROR_TYPE;
+    }
+}
+
+Str ComposeMessage(const Str& source, uint32_t eventNumber, const EventDescriptor& descriptor) {
+    Str text;
+    if (eventNumber != 0 && !source.IsEmpty()) {
+        text = StrFormat("%s-%05u", source.Text(), eventNumber);
+        text.Append(": ");
+    }
+    const char* p = descriptor.message != nullptr ? descriptor.message : "";
+    while (*p != 0) {
+        if (p[0] == '%' && p[1] >= '1' && p[1] <= '4') {
+            const char* insert = descriptor.inserts[p[1] - '1'];
+            text.Append(insert != nullptr ? insert : "<unknown>");
+            p += 2;
+            continue;
+        }
+        const char* next = p + 1;
+        while (*next != 0 && *next != '%')
+            ++next;
+        text.Append(p, static_cast<uint32_t>(next - p));
+        p = next;
+    }
+    return text;
+}
+
+// Echoes the event into the report stream: first line by level, the rest as detail.
+void EchoEvent(const Str& text, uint32_t level) {
+    const char* p = text.Text();
+    const char* end = p + strcspn(p, "\r\n");
+    const Str first = StrFormat("ReportEvent: %.*s", static_cast<int>(end - p), p);
+    if (level == kLevelErr)
+        ReportAndConfirm(kCategoryBase, kSeverityError, kSourceFile, __LINE__, first.Text());
+    else if (level == kLevelWarning)
+        WriteReport(kCategoryBase, kSeverityWarning, kSourceFile, __LINE__, first.Text());
+    else
+        WriteReport(kCategoryBase, kSeverityInfo, kSourceFile, __LINE__, first.Text());
+    while (*end != 0) {
+        p = end + (end[0] == '\r' && end[1] == '\n' ? 2 : 1);
+        end = p + strcspn(p, "\r\n");
+        if (end != p)
+            WriteReportF(kCategoryBase, kSeverityInfo, kSourceFile, __LINE__, "  %.*s",
+                         static_cast<int>(end - p), p);
+    }
+}
+
+Str Timestamp() {
+    SYSTEMTIME now;
+    GetLocalTime(&now);
+    TIME_ZONE_INFORMATION zone;
+    const DWORD mode = GetTimeZoneInformation(&zone);
+    long bias = zone.Bias;
+    if (mode == TIME_ZONE_ID_DAYLIGHT)
+        bias += zone.DaylightBias;
+    else if (mode == TIME_ZONE_ID_STANDARD)
+        bias += zone.StandardBias;
+    const long offset = -bias;
+    const long magnitude = offset < 0 ? -offset : offset;
+    return StrFormat("%04ld-%02ld-%02ldT%02ld:%02ld:%02ld.%03ld%c%02ld:%02ld",
+                     static_cast<long>(now.wYear), static_cast<long>(now.wMonth),
+                     static_cast<long>(now.wDay), static_cast<long>(now.wHour),
+                     static_cast<long>(now.wMinute), static_cast<long>(now.wSecond),
+                     static_cast<long>(now.wMilliseconds), offset < 0 ? '-' : '+', magnitude / 60,
+                     magnitude % 60);
+}
+
+void AppendJsonMember(Str& record, const char* name, const char* text, bool number) {
+    record.Append(",");
+    WriteJsonString(name, record, nullptr, true);
+    record.Append(":");
+    if (number)
+        record.Append(text);
+    else
+        WriteJsonString(text, record, nullptr, true);
+}
+
+Str BuildRecord(const Str& text, uint32_t level, const EventDescriptor& descriptor,
+                bool processInfo) {
+    Str record("{");
+    WriteJsonString("@timestamp", record, nullptr, true);
+    record.Append(":");
+    WriteJsonString(Timestamp().Text(), record, nullptr, true);
+    AppendJsonMember(record, "level", LevelName(level), false);
+    AppendJsonMember(record, "message", text.Text(), false);
+    for (uint32_t i = 0; i < descriptor.valueCount; ++i) {
+        const EventValue& value = descriptor.values[i];
+        AppendJsonMember(record, value.name, value.text.Text(),
+                         value.number && !value.text.IsEmpty());
+    }
+    if (processInfo) {
+        AppendJsonMember(record, "version", s_moduleVersion.Text(), false);
+        AppendJsonMember(record, "processid",
+                         StrFormat("%lu", static_cast<unsigned long>(GetCurrentProcessId())).Text(),
+                         true);
+        AppendJsonMember(record, "threadid",
+                         StrFormat("%lu", static_cast<unsigned long>(GetCurrentThreadId())).Text(),
+                         true);
+    }
+    record.Append("}\n");
+    return record;
+}
+
+// One process-wide watcher per standard stream, created on first use.
+struct StreamWatcher {
+    FILE* stream;
+    bool ownConsole; // the stream has no real handle behind it
+};
+
+StreamWatcher* GetStreamWatcher(LogType type) {
+    static StreamWatcher* s_out = nullptr;
+    static StreamWatcher* s_err = nullptr;
+    StreamWatcher** slot = type == LogType::Stdout ? &s_out : &s_err;
+    if (__atomic_load_n(slot, __ATOMIC_ACQUIRE) != nullptr)
+        return *slot;
+    NamedSectionLock lock(GetStaticsSection(), type == LogType::Stdout
+                                                   ? "OutStreamWatcher OutStreamwatcher"
+                                                   : "ErrStreamWatcher ErrStreamwatcher");
+    if (*slot == nullptr) {
+        FILE* stream = type == LogType::Stdout ? stdout : stderr;
+        const HANDLE handle =
+            GetStdHandle(type == LogType::Stdout ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE);
+        auto* watcher = new (std::nothrow)
+            StreamWatcher{stream, handle == nullptr || handle == INVALID_HANDLE_VALUE};
+        __atomic_store_n(slot, watcher, __ATOMIC_RELEASE);
+    }
+    return *slot;
+}
+
+} // namespace
+
+bool ReportEvent(const Str& source, uint32_t eventNumber, const EventDescriptor& descriptor,
+                 bool processInfo, uint32_t level, uint32_t category, bool installSource) {
+    LastErrorKeeper keep;
+    const Str text = ComposeMessage(source, eventNumber, descriptor);
+    const LogType type = GetLogType();
+    StreamWatcher* watcher = type == LogType::System ? nullptr : GetStreamWatcher(type);
+
+    // The event log shows the named values as lines below the message.
+    Str detailed = text;
+    for (uint32_t i = 0; i < descriptor.valueCount; ++i) {
+        detailed.Append("\r\n");
+        detailed.Append(descriptor.values[i].name);
+        detailed.Append(": ");
+        detailed.Append(descriptor.values[i].text);
+    }
+    if (category != 3)
+        EchoEvent(detailed, level);
+
+    const HANDLE handle = GetEventSourceHandle(source, installSource);
+    if (handle == nullptr)
+        return false;
+    if (type == LogType::System) {
+        const WStr wide = WStr::FromUtf8(detailed);
+        const wchar_t* strings[1] = {wide.Text()};
+        return ReportEventW(handle, EventLogType(level), static_cast<WORD>(category), 0, nullptr, 1,
+                            0, strings, nullptr) != FALSE;
+    }
+    if (watcher == nullptr)
+        return false;
+    const Str record = BuildRecord(text, level, descriptor, processInfo);
+    const bool written =
+        fwrite(record.Text(), 1, record.Length(), watcher->stream) == record.Length();
+    fflush(watcher->stream);
+    return written;
+}
+
+void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t code, const char* message,
+                        const EventValue* values, uint32_t valueCount) {
+    // A report that fails the same way must not recurse into itself.
+    static thread_local bool t_reporting = false;
+    if (t_reporting)
+        return;
+    LastErrorKeeper keep;
+    t_reporting = true;
+    EventValue all[10];
+    uint32_t n = 0;
+    for (; n < valueCount && n < 8; ++n)
+        all[n] = values[n];
+    all[n++] = {"file", Str(sourceFile), false};
+    all[n++] = {"line", StrFormat("%u", line), true};
+    EventDescriptor descriptor;
+    descriptor.message = message;
+    descriptor.values = all;
+    descriptor.valueCount = n;
+    ReportEvent(Str(kLibrarySource), code, descriptor, true, kLevelErr, 0, false);
+    t_reporting = false;
+}
+
+// ---------------------------------------------------------------------------
+// Diagnostic event catalogue
+
+DiagnosticCatalogue* GetDiagnosticCatalogue() {
+    // No event consumer is attached in this program, so the provider stays disabled.
+    static DiagnosticCatalogue s_catalogue = {false, nullptr};
+    return &s_catalogue;
+}
+
+void FireDiagnosticEvent(uint32_t id, uint32_t phase, const char* const* fields, uint32_t count) {
+    LastErrorKeeper keep;
+    if (!GetDiagnosticCatalogue()->enabled)
+        return;
+    Str text = StrFormat("Diagnostic event %u phase %u", id, phase);
+    for (uint32_t i = 0; i < count; ++i) {
+        text.Append(i == 0 ? ": " : ";");
+        text.Append(fields[i] != nullptr ? fields[i] : "");
+    }
+    WriteReport(kCategoryBase, kSeverityInfo, kSourceFile, __LINE__, text.Text());
+}
+
+// ---------------------------------------------------------------------------
+// Fatal errors
+
 [[noreturn]] void FatalError(const char* format, ...) {
-    char message[1024];
+    char message[kReportLineLimit];
     va_list arguments;
     va_start(arguments, format);
     vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
+    WriteReport(kCategoryBase, kSeverityError, kSourceFile, __LINE__, message);
     fprintf(stderr, "%s\n", message);
     fflush(stderr);
     abort();
 }
-
-void WriteReport(uint32_t, int32_t, const char*, uint32_t, const char* message) {
-    if (message != nullptr)
-        OutputDebugStringA(message);
-}
-void WriteReportF(uint32_t category, int32_t severity, const char* sourceFile, uint32_t line,
-                  const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    Str text = StrFormatV(format, arguments);
-    va_end(arguments);
-    WriteReport(category, severity, sourceFile, line, text.Text());
-}
-void ReportAndConfirm(uint32_t category, int32_t severity, const char* sourceFile, uint32_t line,
-                      const char* message) {
-    WriteReport(category, severity, sourceFile, line, message);
-}
-void ReportWithSystemError(uint32_t category, int32_t severity, const char* sourceFile,
-                           uint32_t line, const char* message) {
-    WriteReport(category, severity, sourceFile, line, message);
-}
-bool ReportEvent(const Str&, uint32_t, const EventDescriptor& descriptor, bool, uint32_t, uint32_t,
-                 bool) {
-    WriteReport(kCategoryBase, kSeverityInfo, nullptr, 0, descriptor.message);
-    return true;
-}
-void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t, const char* message,
-                        const EventValue*, uint32_t) {
-    LastErrorKeeper keep;
-    WriteReport(kCategoryBase, kSeverityError, sourceFile, line, message);
-}
-Str SystemErrorText(uint32_t) { return Str(); }
-Str FormatSystemError(uint32_t code, HMODULE, uint32_t, uint32_t, va_list*) {
-    return StrFormat("Unknown error (0x%08lX/%lu)", (unsigned long)code, (unsigned long)code);
-}
-void SetModulePath(const Str& path) { s_modulePath = path; }
-void SetApplicationName(const Str& name) { s_applicationName = name; }
-void SetModuleVersion(const Str& version) { s_moduleVersion = version; }
-Str GetModulePathText() { return s_modulePath; }
-Str GetApplicationName() { return s_applicationName; }
-Str GetModuleVersion() { return s_moduleVersion; }
-void InstallEventSource(const Str&) {}
-Str GetModuleBaseName() { return Str("KorvantaCloudUS"); }

@@ -13,10 +13,18 @@ TraceHook s_traceHook = nullptr;
 uint32_t s_destinations = kTraceToPipe | kTraceToDebugger;
 } // namespace
 
-void SetTraceHook(TraceHook hook) { s_traceHook = hook; }
-uint32_t GetTraceDestinations() { return s_destinations; }
-void SetTraceDestinations(uint32_t destinations) { s_destinations = destinations; }
-uint32_t GetSharedHeaderFlags() { return kHeaderDefault; }
+void SetTraceHook(TraceHook hook) {
+    s_traceHook = hook;
+}
+uint32_t GetTraceDestinations() {
+    return s_destinations;
+}
+void SetTraceDestinations(uint32_t destinations) {
+    s_destinations = destinations;
+}
+uint32_t GetSharedHeaderFlags() {
+    return kHeaderDefault;
+}
 
 void TraceWrite(ThreadReportState*, const char* line, uint32_t destinations) {
     if (line == nullptr)
