@@ -106,9 +106,9 @@ ProcessResult RunProcess(const std::wstring& commandLine, const std::wstring& en
     std::vector<wchar_t> env;
     if (!environment.empty())
         env = BuildEnvironment(environment);
-    result.started = CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE,
-                                    CREATE_UNICODE_ENVIRONMENT, env.empty() ? nullptr : env.data(),
-                                    nullptr, &si, &pi) != FALSE;
+    result.started =
+        CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
+                       env.empty() ? nullptr : env.data(), nullptr, &si, &pi) != FALSE;
     CloseHandle(outWrite);
     CloseHandle(errWrite);
     if (result.started) {
@@ -142,7 +142,9 @@ ScratchDir::ScratchDir(const std::wstring& tag) {
     CreateDirectoryW(m_path.c_str(), nullptr);
 }
 
-ScratchDir::~ScratchDir() { RemoveTree(m_path); }
+ScratchDir::~ScratchDir() {
+    RemoveTree(m_path);
+}
 
 void RemoveTree(const std::wstring& path) {
     WIN32_FIND_DATAW data;
@@ -171,9 +173,9 @@ bool WriteFileBytes(const std::wstring& path, const std::string& bytes) {
     if (file == INVALID_HANDLE_VALUE)
         return false;
     DWORD written = 0;
-    const bool ok = WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written,
-                              nullptr) &&
-                    written == bytes.size();
+    const bool ok =
+        WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
+        written == bytes.size();
     CloseHandle(file);
     return ok;
 }

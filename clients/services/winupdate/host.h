@@ -32,3 +32,48 @@ int ServiceEntryPoint();
 int InstallService();
 
 void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);
+
+// The service's state for one run of ServiceMain; the control handler gets its address.
+struct ServiceContext {
+    bool ready = false;
+    bool paused = false;
+    DWORD lastError = 0;
+    SERVICE_STATUS status = {SERVICE_WIN32_OWN_PROCESS,
+                             SERVICE_STOPPED,
+                             SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PAUSE_CONTINUE,
+                             0,
+                             0,
+                             0,
+                             0};
+    SERVICE_STATUS_HANDLE statusHandle = nullptr;
+    HANDLE events[5] = {};
+    DWORD pendingState[5] = {SERVICE_START_PENDING, SERVICE_PAUSE_PENDING, SERVICE_CONTINUE_PENDING,
+                             SERVICE_STOP_PENDING, 0};
+    void (*step)() = nullptr; // the processing pass
+    DWORD waitMs = 60000;     // the polling interval without pushes
+};
+
+enum ServiceRequest : DWORD { kRequestStarted = 0, kRequestPause, kRequestContinue, kRequestStop };
+
+// Seams for tests that run the real loop: the pass and the wait time that each
+// new ServiceContext starts with. The product keeps ExecuteServiceStep and 60000 ms.
+struct ServiceSeams {
+    void (*step)();
+    DWORD waitMs;
+};
+extern ServiceSeams g_serviceSeams;
+
+void InitServiceContext(ServiceContext* context);
+bool CreateServiceContext(ServiceContext* context, const std::wstring& serviceName);
+void CloseServiceContext(ServiceContext* context);
+DWORD SetServiceState(ServiceContext* context, DWORD request);
+bool WaitServiceEvent(ServiceContext* context);
+DWORD WINAPI ServiceControlHandler(DWORD control, DWORD eventType, LPVOID eventData,
+                                   LPVOID context);
+
+// The global, auto-reset push event that every user may signal; null when it
+// could not be created or an object of that name already existed.
+HANDLE CreateMSIPushEvent();
+
+// One pass over the installer queue.
+void ExecuteServiceStep();

@@ -44,11 +44,13 @@ std::wstring ServiceNameFromPath(const std::wstring& modulePath) {
     return LimitServiceText(WideFromStr(narrow), std::wstring());
 }
 
-std::wstring GetServiceName() { return ServiceNameFromPath(GetModulePath()); }
+std::wstring GetServiceName() {
+    return ServiceNameFromPath(GetModulePath());
+}
 
 std::wstring GetServiceDisplayName(bool withVersion) {
-    const std::wstring base = Widen(ProductConstants.productName) + L" " +
-                              Widen(kServiceDisplaySuffix);
+    const std::wstring base =
+        Widen(ProductConstants.productName) + L" " + Widen(kServiceDisplaySuffix);
     const std::wstring suffix =
         withVersion ? L" (" + Widen(kServiceVersion) + L")" : std::wstring();
     return LimitServiceText(base, suffix);

@@ -1,0 +1,4 @@
+// The installer queue's processing pass. (Being completed.)
+#include "host.h"
+
+void ExecuteServiceStep() {}

@@ -1,0 +1,83 @@
+// The service host with a counting pass in place of the installer queue, so
+// tests can observe the loop under the real service manager.
+//   kvt_counting_service.exe --log <file> --wait <ms>
+// Every report line goes to the log file; each pass writes "pass <n> state <s>"
+// (s: the state the manager reports at that moment), signals the global event
+// "Global\KvtPassStarted" and, while "Global\KvtPassGate" exists and is not
+// signalled, waits on it (at most ten seconds), so a test can hold a pass open.
+#include <windows.h>
+
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+
+#include "host.h"
+#include "private/system.h"
+#include "report.h"
+#include "trace.h"
+
+namespace {
+
+HANDLE s_log = INVALID_HANDLE_VALUE;
+unsigned s_passes = 0;
+
+bool LogLine(const char* line, uint32_t) {
+    char buffer[kReportLineLimit + 4];
+    const int n = snprintf(buffer, sizeof buffer, "%s\r\n", line);
+    DWORD written = 0;
+    // Appends whole lines; the test reads the file while the service runs.
+    WriteFile(s_log, buffer, static_cast<DWORD>(n), &written, nullptr);
+    return true;
+}
+
+DWORD CurrentState() {
+    SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+    DWORD state = 0;
+    if (manager != nullptr) {
+        SC_HANDLE service = OpenServiceW(manager, GetServiceName().c_str(), SERVICE_QUERY_STATUS);
+        SERVICE_STATUS status{};
+        if (service != nullptr && QueryServiceStatus(service, &status))
+            state = status.dwCurrentState;
+        if (service != nullptr)
+            CloseServiceHandle(service);
+        CloseServiceHandle(manager);
+    }
+    return state;
+}
+
+void CountingPass() {
+    ++s_passes;
+    WriteReportF(kCategoryBase, kSeverityInfo, nullptr, 0, "pass %u state %lu", s_passes,
+                 static_cast<unsigned long>(CurrentState()));
+    HANDLE started = OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Global\\KvtPassStarted");
+    if (started != nullptr) {
+        SetEvent(started);
+        CloseHandle(started);
+    }
+    HANDLE gate = OpenEventW(SYNCHRONIZE, FALSE, L"Global\\KvtPassGate");
+    if (gate != nullptr) {
+        WaitForSingleObject(gate, 10000);
+        CloseHandle(gate);
+    }
+}
+
+} // namespace
+
+int main() {
+    for (uint32_t i = 1; i + 1 < CommandLineArgumentCount(); i += 2) {
+        const Str name = CommandLineArgument(i);
+        const Str value = CommandLineArgument(i + 1);
+        if (name == "--log") {
+            const WStr path = WStr::FromUtf8(value);
+            s_log = CreateFileW(path.Text(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        } else if (name == "--wait") {
+            g_serviceSeams.waitMs = static_cast<DWORD>(strtoul(value.Text(), nullptr, 10));
+        }
+    }
+    if (s_log != INVALID_HANDLE_VALUE)
+        SetTraceHook(LogLine);
+    g_serviceSeams.step = CountingPass;
+    SetInteractionAllowed(false, false);
+    return ServiceEntryPoint();
+}
