@@ -28,12 +28,21 @@ uint32_t GrowthRequest(uint32_t length) {
     return 0xFFFFFFFFu;
 }
 
+// Set while an allocation failure is being reported on this thread: formatting the
+// report's fields allocates too, and a failure there must not report again (and
+// so on without end) when memory is exhausted.
+thread_local bool t_reportingAllocationFailure = false;
+
 void ReportAllocationFailure(uint32_t line, uint32_t code, uint64_t bytes, uint32_t request) {
+    if (t_reportingAllocationFailure)
+        return;
+    t_reportingAllocationFailure = true;
     const EventValue values[] = {
         {"bytes", StrFormat("%llu", static_cast<unsigned long long>(bytes)), true},
         {"codeunits", StrFormat("%u", request), true},
     };
     ReportLibraryError(kSourceFile, line, code, "String allocation failed", values, 2);
+    t_reportingAllocationFailure = false;
 }
 
 void ReportOverflow(uint32_t line, uint32_t code, uint32_t length1, uint32_t length2) {
@@ -107,7 +116,9 @@ wchar_t* AllocWStrBuffer(uint32_t request, uint32_t length) {
     return block->text;
 }
 
-uint64_t StrBlockBytes(const StrBlock* block) { return static_cast<uint64_t>(block->capacity) + 16; }
+uint64_t StrBlockBytes(const StrBlock* block) {
+    return static_cast<uint64_t>(block->capacity) + 16;
+}
 
 uint64_t WStrBlockBytes(const WStrBlock* block) {
     return static_cast<uint64_t>(block->capacity) * 2 + 16;
@@ -118,7 +129,9 @@ void FreeStrBuffer(StrBlock* block) {
         FreeParticle(StrBlockBytes(block), block);
 }
 
-void DestroyCounted(StrBlock* block) { FreeStrBuffer(block); }
+void DestroyCounted(StrBlock* block) {
+    FreeStrBuffer(block);
+}
 
 void DestroyCounted(WStrBlock* block) {
     if (block != EmptyWStr())
@@ -133,7 +146,9 @@ void ReleaseWStr(wchar_t* text) {
         Reference::Unlink(block);
 }
 
-const char* EmptyText() { return s_emptyText; }
+const char* EmptyText() {
+    return s_emptyText;
+}
 
 namespace {
 INIT_ONCE s_emptyWStrOnce = INIT_ONCE_STATIC_INIT;
@@ -143,19 +158,24 @@ alignas(8) unsigned char s_emptyWStrFallback[16] = {1};
 
 BOOL CALLBACK CreateEmptyWStr(PINIT_ONCE, PVOID, PVOID*) {
     wchar_t* text = AllocWStrBuffer(1, 0);
-    s_emptyWStr = text != nullptr ? WStrBlockOf(text) : reinterpret_cast<WStrBlock*>(s_emptyWStrFallback);
+    WStrBlock* block =
+        text != nullptr ? WStrBlockOf(text) : reinterpret_cast<WStrBlock*>(s_emptyWStrFallback);
     // One extra link, so that the shared block's count never reaches zero.
-    Reference::Link(s_emptyWStr);
+    Reference::Link(block);
+    // Published complete: other threads read it without the one-time lock.
+    __atomic_store_n(&s_emptyWStr, block, __ATOMIC_RELEASE);
     return TRUE;
 }
 } // namespace
 
 WStrBlock* EmptyWStr() {
-    if (s_emptyWStr == nullptr) {
+    WStrBlock* block = __atomic_load_n(&s_emptyWStr, __ATOMIC_ACQUIRE);
+    if (block == nullptr) {
         LastErrorKeeper keep;
         InitOnceExecuteOnce(&s_emptyWStrOnce, CreateEmptyWStr, nullptr, nullptr);
+        block = __atomic_load_n(&s_emptyWStr, __ATOMIC_ACQUIRE);
     }
-    return s_emptyWStr;
+    return block;
 }
 
 bool CheckWStrOverflow(uint32_t length1, uint32_t length2) {
@@ -174,7 +194,9 @@ void ReportStrOverflow(uint32_t length1, uint32_t length2) {
 // ---------------------------------------------------------------------------
 // Str
 
-uint32_t Str::Length() const { return m_block ? MeasureStr(m_block) : 0; }
+uint32_t Str::Length() const {
+    return m_block ? MeasureStr(m_block) : 0;
+}
 
 void Str::Assign(const char* text) {
     if (text == nullptr || text[0] == 0) {
@@ -212,7 +234,9 @@ char* Str::Reserve(uint32_t n) {
     return block->text;
 }
 
-bool Str::Append(const Str& other) { return Append(other.Text(), other.Length()); }
+bool Str::Append(const Str& other) {
+    return Append(other.Text(), other.Length());
+}
 
 bool Str::Append(const char* text) {
     return text == nullptr ? true : Append(text, static_cast<uint32_t>(strnlen(text, kMax32)));
@@ -255,9 +279,13 @@ Str Str::FromUtf16(const wchar_t* text) {
     return FromUtf16(text, n > kMax32 ? 0xFFFFFFFFu : static_cast<uint32_t>(n));
 }
 
-Str Str::FromUtf16(const WStr& text) { return FromUtf16(text.Text(), text.Length()); }
+Str Str::FromUtf16(const WStr& text) {
+    return FromUtf16(text.Text(), text.Length());
+}
 
-Str Str::FromUtf16Char(wchar_t unit) { return unit == 0 ? Str() : FromUtf16(&unit, 1); }
+Str Str::FromUtf16Char(wchar_t unit) {
+    return unit == 0 ? Str() : FromUtf16(&unit, 1);
+}
 
 Str Str::FromUtf16(const wchar_t* text, uint32_t n) {
     Str result;
@@ -265,7 +293,8 @@ Str Str::FromUtf16(const wchar_t* text, uint32_t n) {
         return result;
     const uint32_t slack = n < 4 ? 1 : (n < 8 ? n / 2 : n / 8);
     const uint64_t request = static_cast<uint64_t>(n) + slack;
-    result.m_block = AllocStrBuffer(request > kMax32 ? 0xFFFFFFFFu : static_cast<uint32_t>(request), n);
+    result.m_block =
+        AllocStrBuffer(request > kMax32 ? 0xFFFFFFFFu : static_cast<uint32_t>(request), n);
     if (result.m_block != nullptr) {
         const uint32_t written =
             Utf16ToUtf8(text, n, result.m_block->text, result.m_block->capacity);
@@ -280,6 +309,7 @@ Str Str::FromUtf16(const wchar_t* text, uint32_t n) {
     // Too small (or invalid): measure, then convert once more into a fitting block.
     const uint32_t needed = Utf16ToUtf8(text, n, nullptr, 0);
     if (needed == 0) {
+        LastErrorKeeper keep; // the conversion's error, not the release's
         result.Clear();
         return result;
     }
@@ -292,6 +322,7 @@ Str Str::FromUtf16(const wchar_t* text, uint32_t n) {
     }
     const uint32_t written = Utf16ToUtf8(text, n, result.m_block->text, result.m_block->capacity);
     if (written == 0) {
+        LastErrorKeeper keep;
         result.Clear();
         return result;
     }
@@ -322,9 +353,13 @@ WStr::WStr(const wchar_t* text) : WStr() {
     }
 }
 
-WStr::WStr(const wchar_t* text, uint32_t length) : WStr() { Assign(text, length); }
+WStr::WStr(const wchar_t* text, uint32_t length) : WStr() {
+    Assign(text, length);
+}
 
-WStr::WStr(WStr&& other) noexcept : m_text(other.m_text) { other.m_text = EmptyWStr()->text; }
+WStr::WStr(WStr&& other) noexcept : m_text(other.m_text) {
+    other.m_text = EmptyWStr()->text;
+}
 
 WStr& WStr::operator=(const WStr& other) {
     LinkText(other.m_text);
@@ -348,7 +383,9 @@ void WStr::LinkText(wchar_t* text) {
         Reference::Link(block);
 }
 
-uint32_t WStr::Length() const { return MeasureWStr(WStrBlockOf(m_text)); }
+uint32_t WStr::Length() const {
+    return MeasureWStr(WStrBlockOf(m_text));
+}
 
 void WStr::Assign(const wchar_t* text, uint32_t length) {
     wchar_t* fresh = EmptyWStr()->text;
@@ -426,70 +463,80 @@ WStr WStr::FromUtf8(const char* text, uint32_t length) {
 // Conversions
 
 uint32_t Utf16ToUtf8(const wchar_t* source, uint32_t count, char* destination, uint32_t capacity) {
-    if (source == nullptr || count == 0) {
+    // As documented for the platform: no destination with a non-zero size, and
+    // a destination that is the source itself, are invalid parameters.
+    if (source == nullptr || count == 0 || (destination == nullptr && capacity != 0) ||
+        static_cast<const void*>(source) == static_cast<const void*>(destination)) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return 0;
     }
     const bool terminated = count > 0xFFFFFFFEu;
+    const uint64_t end = terminated ? UINT64_MAX : count;
+    const auto* in = reinterpret_cast<const uint16_t*>(source);
+    auto* out = reinterpret_cast<unsigned char*>(destination);
     uint64_t needed = 0;
-    for (uint64_t i = 0;; ++i) {
-        if (!terminated && i >= count)
-            break;
-        uint32_t cp = static_cast<uint16_t>(source[i]);
-        if (cp >= 0xD800 && cp <= 0xDBFF) {
-            const bool haveNext = terminated ? source[i + 1] != 0 : i + 1 < count;
-            const uint32_t low = haveNext ? static_cast<uint16_t>(source[i + 1]) : 0;
-            if (low < 0xDC00 || low > 0xDFFF) {
+    for (uint64_t i = 0; i < end; ++i) {
+        uint32_t cp = in[i];
+        uint32_t bytes;
+        if (cp < 0x80) {
+            bytes = 1;
+        } else if (cp < 0x800) {
+            bytes = 2;
+        } else if (cp - 0xD800u >= 0x800u) {
+            bytes = 3;
+        } else {
+            // A high half must be followed by a low half; a low half may not
+            // stand first. A terminator is no low half, so this stays in bounds.
+            const uint32_t low = cp < 0xDC00 && i + 1 < end ? in[i + 1] : 0;
+            if (low - 0xDC00u >= 0x400u) {
                 SetLastError(ERROR_NO_UNICODE_TRANSLATION);
                 return 0;
             }
             cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
             ++i;
-        } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
-            SetLastError(ERROR_NO_UNICODE_TRANSLATION);
-            return 0;
+            bytes = 4;
         }
-        const uint32_t bytes = cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
-        if (needed + bytes > kMax32) {
+        needed += bytes;
+        if (needed > kMax32) {
             SetLastError(ERROR_ARITHMETIC_OVERFLOW);
             return 0;
         }
         if (capacity != 0) {
-            if (needed + bytes > capacity) {
+            if (needed > capacity) {
                 SetLastError(ERROR_INSUFFICIENT_BUFFER);
                 return 0;
             }
-            unsigned char* out = reinterpret_cast<unsigned char*>(destination) + needed;
+            unsigned char* p = out + (needed - bytes);
             switch (bytes) {
             case 1:
-                out[0] = static_cast<unsigned char>(cp);
+                p[0] = static_cast<unsigned char>(cp);
                 break;
             case 2:
-                out[0] = static_cast<unsigned char>(0xC0 | (cp >> 6));
-                out[1] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
+                p[0] = static_cast<unsigned char>(0xC0 | (cp >> 6));
+                p[1] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
                 break;
             case 3:
-                out[0] = static_cast<unsigned char>(0xE0 | (cp >> 12));
-                out[1] = static_cast<unsigned char>(0x80 | ((cp >> 6) & 0x3F));
-                out[2] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
+                p[0] = static_cast<unsigned char>(0xE0 | (cp >> 12));
+                p[1] = static_cast<unsigned char>(0x80 | ((cp >> 6) & 0x3F));
+                p[2] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
                 break;
             default:
-                out[0] = static_cast<unsigned char>(0xF0 | (cp >> 18));
-                out[1] = static_cast<unsigned char>(0x80 | ((cp >> 12) & 0x3F));
-                out[2] = static_cast<unsigned char>(0x80 | ((cp >> 6) & 0x3F));
-                out[3] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
+                p[0] = static_cast<unsigned char>(0xF0 | (cp >> 18));
+                p[1] = static_cast<unsigned char>(0x80 | ((cp >> 12) & 0x3F));
+                p[2] = static_cast<unsigned char>(0x80 | ((cp >> 6) & 0x3F));
+                p[3] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
                 break;
             }
         }
-        needed += bytes;
-        if (terminated && cp == 0)
+        if (cp == 0 && terminated)
             break;
     }
     return static_cast<uint32_t>(needed);
 }
 
 uint32_t Utf8ToUtf16(const char* source, uint32_t count, wchar_t* destination, uint32_t capacity) {
-    if (source == nullptr || count == 0) {
+    if (source == nullptr || count == 0 || (destination == nullptr && capacity != 0) ||
+        static_cast<const void*>(source) == static_cast<const void*>(destination)) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return 0;
     }
@@ -587,7 +634,9 @@ int CompareBytes(const char* a, const char* b, bool ignoreCase) {
 }
 } // namespace
 
-void SetCompareTextFunction(CompareTextFunction function) { s_compareText = function; }
+void SetCompareTextFunction(CompareTextFunction function) {
+    s_compareText = function;
+}
 
 int CompareUtf8(uint32_t locale, uint32_t flags, const char* a, int lengthA, const char* b,
                 int lengthB) {
@@ -595,8 +644,10 @@ int CompareUtf8(uint32_t locale, uint32_t flags, const char* a, int lengthA, con
         a = "";
     if (b == nullptr)
         b = "";
-    const uint32_t na = lengthA < 0 ? static_cast<uint32_t>(strlen(a)) : static_cast<uint32_t>(lengthA);
-    const uint32_t nb = lengthB < 0 ? static_cast<uint32_t>(strlen(b)) : static_cast<uint32_t>(lengthB);
+    const uint32_t na =
+        lengthA < 0 ? static_cast<uint32_t>(strlen(a)) : static_cast<uint32_t>(lengthA);
+    const uint32_t nb =
+        lengthB < 0 ? static_cast<uint32_t>(strlen(b)) : static_cast<uint32_t>(lengthB);
     const WStr wa = WStr::FromUtf8(a, na);
     const WStr wb = WStr::FromUtf8(b, nb);
     // A text that does not convert cannot be compared by the platform.
@@ -606,7 +657,9 @@ int CompareUtf8(uint32_t locale, uint32_t flags, const char* a, int lengthA, con
                           static_cast<int>(wb.Length()));
 }
 
-int CompareText(const char* a, const char* b) { return CompareTextEx(a, b, false); }
+int CompareText(const char* a, const char* b) {
+    return CompareTextEx(a, b, false);
+}
 
 int CompareTextEx(const char* a, const char* b, bool ignoreCase) {
     if (s_compareText != nullptr)
@@ -644,16 +697,21 @@ void UpperCaseUtf8(char* text) {
             ++p;
             continue;
         }
-        // Take the lead byte and the continuation bytes that follow it.
-        uint32_t length = 1;
-        while (length < 4 && (p[length] & 0xC0) == 0x80)
-            ++length;
+        // The lead byte says how long the sequence is; a lead without all of its
+        // continuation bytes, or a stray continuation byte, is passed over alone.
+        const uint32_t length = *p < 0xC0 ? 1 : *p < 0xE0 ? 2 : *p < 0xF0 ? 3 : *p < 0xF8 ? 4 : 1;
+        bool complete = length > 1;
+        for (uint32_t k = 1; complete && k < length; ++k)
+            complete = (p[k] & 0xC0) == 0x80;
+        if (!complete) {
+            ++p;
+            continue;
+        }
         wchar_t decoded[3] = {};
         const uint32_t units = Utf8ToUtf16(reinterpret_cast<char*>(p), length, decoded, 2);
         if (units == 1 && IsCharAlphaW(decoded[0])) {
-            const auto upper =
-                static_cast<wchar_t>(reinterpret_cast<ULONG_PTR>(CharUpperW(
-                    reinterpret_cast<LPWSTR>(static_cast<ULONG_PTR>(decoded[0])))));
+            const auto upper = static_cast<wchar_t>(reinterpret_cast<ULONG_PTR>(
+                CharUpperW(reinterpret_cast<LPWSTR>(static_cast<ULONG_PTR>(decoded[0])))));
             char encoded[4];
             if (Utf16ToUtf8(&upper, 1, encoded, sizeof encoded) == length)
                 memcpy(p, encoded, length);
