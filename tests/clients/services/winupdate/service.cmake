@@ -9,3 +9,6 @@ add_dependencies(service_test kvt_counting_service KorvantaCloudUS)
 kvt_add_test(entry_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/entry_test.cpp
              LIBS winupdate SERIAL TIMEOUT 300)
 add_dependencies(entry_test KorvantaCloudUS)
+
+kvt_add_test(servicestep_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/servicestep_test.cpp
+             LIBS winupdate SERIAL PACKAGES TIMEOUT 300)

@@ -1,0 +1,57 @@
+// The installer queue: the spool directories, the update policy and the
+// processing pass that answers every pushed request with a result file.
+#pragma once
+
+#include <cstdint>
+
+#include "str.h"
+
+// Without the product folder level in the drop directory, and without the
+// "AUTOUPDATE_URL" policy gate.
+inline constexpr bool QueueWithoutProductFolder = true;
+
+// Result codes of one request.
+enum ResultCode : uint32_t {
+    kResultStarted = 0,
+    kResultNotStarted = 1,
+    kResultMovedNotCompanySigned = 2,
+    kResultMovedNotTrusted = 3,
+    kResultNotSecured = 4,
+    kResultNotCompanySigned = 5,
+    kResultNotTrusted = 6,
+    kResultNoPackage = 7,
+};
+
+// The update directory below the program files folder, created when missing;
+// empty when it could not be created.
+Str GetUpdateDirectory();
+// The drop directory below the common application data folder (not created).
+Str GetDropDirectory();
+
+// The policy key (with the product subkey) and value name for a policy read.
+struct PolicyValue {
+    Str keyPath;
+    Str subkey;
+    const char* valueName;
+};
+PolicyValue OpenPolicyValue(const char* valueName);
+// True when the "AUTOUPDATE" policy is a number and that number is 0.
+bool AutoUpdateSwitchedOff();
+// Records the package handed to the installer ("UpdateInstaller").
+bool WriteInstallerRecord(const Str& packagePath);
+// "msiexec.exe /qn /i \"<path>\" AUTOUPDATE=1"
+Str InstallerCommandLine(const Str& packagePath);
+// The result file's text: "%u|%s: %u" (success flag, local time, code).
+Str ResultLine(uint32_t code);
+
+void RemoveMarkedInstallers(const Str& directory);
+Str SecureInstallerFile(const Str& updateDirectory, const Str& package);
+void ExecuteServiceStep();
+
+// Seams for tests: the two checks the pass makes (VerifyFileTrust and
+// IsCompanySigned by default), so a test can fail the second check of a moved copy.
+struct QueueChecks {
+    bool (*verifyTrust)(const Str& path);
+    bool (*isCompanySigned)(const Str& path);
+};
+extern QueueChecks g_queueChecks;
