@@ -8,7 +8,9 @@ namespace {
 AllocFailureHook s_failureHook = nullptr;
 }
 
-void SetAllocFailureHook(AllocFailureHook hook) { s_failureHook = hook; }
+void SetAllocFailureHook(AllocFailureHook hook) {
+    s_failureHook = hook;
+}
 
 void* AllocParticle(size_t bytes) {
     if (s_failureHook != nullptr && s_failureHook(bytes)) {

@@ -47,4 +47,6 @@ Str CommandLineArgument(uint32_t index) {
     return index < list.count ? list.items[index] : Str();
 }
 
-uint32_t CommandLineArgumentCount() { return Arguments().count; }
+uint32_t CommandLineArgumentCount() {
+    return Arguments().count;
+}
