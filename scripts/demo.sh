@@ -55,7 +55,7 @@ step "Trusting the test CA in the prefix's machine root store"
 wine "$build/tests/kvt_trustca.exe" "$(winpath "$demo/fixtures/ca.der")"
 
 step "Installing the service: KorvantaCloudUS.exe install"
-wine "$service_exe" install | od -c | head -n 5
+WINEDEBUG=-all,trace+eventlog wine "$service_exe" install 2>> "$demo/events.log" | od -c | head -n 5
 wine reg query 'HKLM\System\CurrentControlSet\Services\KORVANTACLOUDUS'
 
 step "Starting, pausing and continuing the service"

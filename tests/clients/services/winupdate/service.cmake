@@ -12,3 +12,6 @@ add_dependencies(entry_test KorvantaCloudUS)
 
 kvt_add_test(servicestep_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/servicestep_test.cpp
              LIBS winupdate SERIAL PACKAGES TIMEOUT 300)
+
+kvt_add_test(e2e_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/e2e_test.cpp SERIAL PACKAGES TIMEOUT 400)
+add_dependencies(e2e_test KorvantaCloudUS pushupdate)
