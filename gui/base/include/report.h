@@ -73,6 +73,11 @@ void SetInteractionAllowed(bool processAllows, bool userAllows);
 // Shows a message box on a thread of its own; closes it after about ten seconds.
 // Returns the button (0 when it had to be closed) and the Shift/Control state.
 int MessageBoxThread(const char* text, uint32_t type, bool* outShift, bool* outControl);
+// Test seam: replaces the message box itself (not the thread, the wait or the
+// time-out), so that a test can answer it; null restores MessageBoxA.
+using ReportBoxHook = int (*)(const char* text, const char* caption, uint32_t style, bool* shift,
+                              bool* control);
+void SetReportBoxHook(ReportBoxHook hook);
 
 // One named value of an event record.
 struct EventValue {
@@ -83,7 +88,7 @@ struct EventValue {
 
 struct EventDescriptor {
     const char* message = nullptr;      // UTF-8, may hold %1 to %4
-    const char* inserts[4] = {};        // null stands for "<unknown>"
+    const char* inserts[4] = {};        // "<unknown>" is written for a null one
     const EventValue* values = nullptr; // named values of the record
     uint32_t valueCount = 0;
 };

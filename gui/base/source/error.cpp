@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "handles.h"
@@ -217,13 +218,10 @@ void WriteReportF(uint32_t category, int32_t severity, const char* sourceFile, u
 
 namespace {
 
-// The text of the thread's last error, or of errno when that is 0, in the
-// "%s (0x%08lX/%lu)" form.
+// The text of the thread's last error, or of errno when that is 0.
 Str LastErrorText(DWORD code) {
-    if (code == 0 && errno != 0)
-        return StrFormat("%s (0x%08lX/%lu)", strerror(errno), static_cast<unsigned long>(errno),
-                         static_cast<unsigned long>(errno));
-    return FormatSystemError(code);
+    const int runtimeError = errno;
+    return FormatSystemError(code != 0 ? code : static_cast<uint32_t>(runtimeError));
 }
 
 } // namespace
@@ -252,10 +250,18 @@ struct BoxRequest {
     bool control;
 };
 
+ReportBoxHook s_boxHook = nullptr;
+
 DWORD WINAPI BoxThread(void* parameter) {
     auto* request = static_cast<BoxRequest*>(parameter);
-    request->answer =
-        MessageBoxA(nullptr, request->text, "Korvanta Tracer", request->type | 0x11010);
+    const char caption[] = "Korvanta Tracer";
+    const uint32_t style = request->type | MB_ICONERROR | MB_SYSTEMMODAL | MB_SETFOREGROUND;
+    const ReportBoxHook hook = s_boxHook;
+    if (hook != nullptr) {
+        request->answer = hook(request->text, caption, style, &request->shift, &request->control);
+        return 0;
+    }
+    request->answer = MessageBoxA(nullptr, request->text, caption, style);
     request->shift = GetKeyState(VK_SHIFT) < 0;
     request->control = GetKeyState(VK_CONTROL) < 0;
     return 0;
@@ -277,6 +283,10 @@ bool HasInteractiveDesktop() {
 }
 
 } // namespace
+
+void SetReportBoxHook(ReportBoxHook hook) {
+    s_boxHook = hook;
+}
 
 int MessageBoxThread(const char* text, uint32_t type, bool* outShift, bool* outControl) {
     LastErrorKeeper keep;
@@ -364,13 +374,16 @@ void ReportAndConfirm(uint32_t category, int32_t severity, const char* sourceFil
 // ---------------------------------------------------------------------------
 // System error texts
 
-Str SystemErrorText(uint32_t code) {
-    LastErrorKeeper keep;
+namespace {
+
+// FormatMessageW's text as one trimmed UTF-8 line; empty when the system has none.
+// The width mask only folds the message's soft line breaks: hard ones (and any
+// in the inserts) are folded here, so that a report never splits on them.
+Str MessageText(DWORD flags, HMODULE module, uint32_t code, DWORD language, va_list* arguments) {
     wchar_t* buffer = nullptr;
     const DWORD length =
-        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
-                           FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK,
-                       nullptr, code, 0, reinterpret_cast<LPWSTR>(&buffer), 0, nullptr);
+        FormatMessageW(flags | FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_MAX_WIDTH_MASK,
+                       module, code, language, reinterpret_cast<LPWSTR>(&buffer), 0, arguments);
     UniqueLocal owner(buffer);
     if (length == 0 || buffer == nullptr)
         return Str();
@@ -380,32 +393,36 @@ Str SystemErrorText(uint32_t code) {
     uint32_t start = 0;
     while (start < end && iswspace(buffer[start]))
         ++start;
-    return Str::FromUtf16(buffer + start, end - start);
+    uint32_t out = start;
+    for (uint32_t i = start; i < end; ++i) {
+        if (buffer[i] == L'\r' || buffer[i] == L'\n') {
+            while (i + 1 < end && (buffer[i + 1] == L'\r' || buffer[i + 1] == L'\n'))
+                ++i;
+            buffer[out++] = L' ';
+        } else {
+            buffer[out++] = buffer[i];
+        }
+    }
+    return Str::FromUtf16(buffer + start, out - start);
+}
+
+} // namespace
+
+Str SystemErrorText(uint32_t code) {
+    LastErrorKeeper keep;
+    return MessageText(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0,
+                       nullptr);
 }
 
 Str FormatSystemError(uint32_t code, HMODULE module, uint32_t primaryLanguage, uint32_t subLanguage,
                       va_list* arguments) {
     LastErrorKeeper keep;
-    DWORD flags = FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_MAX_WIDTH_MASK |
-                  (module != nullptr ? FORMAT_MESSAGE_FROM_HMODULE : FORMAT_MESSAGE_FROM_SYSTEM);
+    DWORD flags = module != nullptr ? FORMAT_MESSAGE_FROM_HMODULE : FORMAT_MESSAGE_FROM_SYSTEM;
     if (arguments == nullptr)
         flags |= FORMAT_MESSAGE_IGNORE_INSERTS;
-    wchar_t* buffer = nullptr;
-    const DWORD length = FormatMessageW(
+    const Str text = MessageText(
         flags, module, code,
-        MAKELANGID(static_cast<WORD>(primaryLanguage), static_cast<WORD>(subLanguage)),
-        reinterpret_cast<LPWSTR>(&buffer), 0, arguments);
-    UniqueLocal owner(buffer);
-    Str text;
-    if (length != 0 && buffer != nullptr) {
-        uint32_t end = length;
-        while (end > 0 && iswspace(buffer[end - 1]))
-            --end;
-        uint32_t start = 0;
-        while (start < end && iswspace(buffer[start]))
-            ++start;
-        text = Str::FromUtf16(buffer + start, end - start);
-    }
+        MAKELANGID(static_cast<WORD>(primaryLanguage), static_cast<WORD>(subLanguage)), arguments);
     return StrFormat("%s (0x%08lX/%lu)", text.IsEmpty() ? "Unknown error" : text.Text(),
                      static_cast<unsigned long>(code), static_cast<unsigned long>(code));
 }
@@ -469,6 +486,29 @@ Str GetApplicationName() {
 // ---------------------------------------------------------------------------
 // Log type, event sources, events
 
+namespace {
+
+// An environment variable as UTF-8; empty when absent.
+Str EnvironmentText(const wchar_t* name) {
+    wchar_t small[256];
+    DWORD length = GetEnvironmentVariableW(name, small, 256);
+    if (length < 256)
+        return Str::FromUtf16(small, length);
+    // Too long for the buffer: the length returned counts the terminator.
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        std::unique_ptr<wchar_t[]> large(new (std::nothrow) wchar_t[length]);
+        if (!large)
+            return Str();
+        const DWORD needed = GetEnvironmentVariableW(name, large.get(), length);
+        if (needed < length)
+            return Str::FromUtf16(large.get(), needed);
+        length = needed; // it grew meanwhile
+    }
+    return Str();
+}
+
+} // namespace
+
 LogType GetLogType() {
     static volatile LONG s_logtype = -1;
     const LONG known = InterlockedCompareExchange(&s_logtype, -1, -1);
@@ -479,10 +519,8 @@ LogType GetLogType() {
     if (s_logtype >= 0)
         return static_cast<LogType>(s_logtype);
     LONG type = 0;
-    wchar_t value[256];
-    const DWORD length = GetEnvironmentVariableW(L"LOGTYPE", value, 256);
-    if (length > 0) {
-        const Str text = length < 256 ? Str::FromUtf16(value, length) : Str("?");
+    const Str text = EnvironmentText(L"LOGTYPE");
+    if (!text.IsEmpty()) {
         if (CompareTextEx(text.Text(), "system", true) == 0)
             type = 0;
         else if (CompareTextEx(text.Text(), "stdout", true) == 0)
@@ -649,6 +687,35 @@ Str Timestamp() {
                      magnitude % 60);
 }
 
+// A JSON number: -?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?
+bool IsJsonNumber(const char* p) {
+    auto digits = [&p] {
+        const char* start = p;
+        while (*p >= '0' && *p <= '9')
+            ++p;
+        return p != start;
+    };
+    if (*p == '-')
+        ++p;
+    if (*p == '0')
+        ++p;
+    else if (!digits())
+        return false;
+    if (*p == '.') {
+        ++p;
+        if (!digits())
+            return false;
+    }
+    if (*p == 'e' || *p == 'E') {
+        ++p;
+        if (*p == '+' || *p == '-')
+            ++p;
+        if (!digits())
+            return false;
+    }
+    return *p == 0;
+}
+
 void AppendJsonMember(Str& record, const char* name, const char* text, bool number) {
     record.Append(",");
     WriteJsonString(name, record, nullptr, true);
@@ -669,8 +736,10 @@ Str BuildRecord(const Str& text, uint32_t level, const EventDescriptor& descript
     AppendJsonMember(record, "message", text.Text(), false);
     for (uint32_t i = 0; i < descriptor.valueCount; ++i) {
         const EventValue& value = descriptor.values[i];
+        // A value that is not a number is quoted, so one bad value cannot
+        // spoil the record for its readers.
         AppendJsonMember(record, value.name, value.text.Text(),
-                         value.number && !value.text.IsEmpty());
+                         value.number && IsJsonNumber(value.text.Text()));
     }
     if (processInfo) {
         AppendJsonMember(record, "version", s_moduleVersion.Text(), false);
