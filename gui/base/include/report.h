@@ -108,6 +108,8 @@ HANDLE GetEventSourceHandle(const Str& sourceName, bool install);
 // "%s (0x%08lX/%lu)" with the system's text for the code ("Unknown error" when none).
 Str FormatSystemError(uint32_t code, HMODULE module = nullptr, uint32_t primaryLanguage = 0,
                       uint32_t subLanguage = 0, va_list* arguments = nullptr);
+// FormatSystemError of a last-error code, or of the runtime's errno when the code is 0.
+Str LastErrorText(uint32_t code);
 // The bare system text of a code, trimmed; empty when the system has none.
 Str SystemErrorText(uint32_t code);
 

@@ -216,15 +216,10 @@ void WriteReportF(uint32_t category, int32_t severity, const char* sourceFile, u
     WriteReport(category, severity, sourceFile, line, text.Text());
 }
 
-namespace {
-
-// The text of the thread's last error, or of errno when that is 0.
-Str LastErrorText(DWORD code) {
+Str LastErrorText(uint32_t code) {
     const int runtimeError = errno;
     return FormatSystemError(code != 0 ? code : static_cast<uint32_t>(runtimeError));
 }
-
-} // namespace
 
 void ReportWithSystemError(uint32_t category, int32_t severity, const char* sourceFile,
                            uint32_t line, const char* message) {

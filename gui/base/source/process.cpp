@@ -2,7 +2,6 @@
 #include "process.h"
 
 #include <atomic>
-#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -26,17 +25,6 @@ static_assert(sizeof(STARTUPINFOW) == 104, "STARTUPINFOW must be 104 bytes");
 
 std::atomic<StartCommandFunction> s_startCommandHook{nullptr};
 
-// The thread's last error, or the runtime's errno when that is 0, as
-// "%s (0x%08lX/%lu)".
-Str FailureText(DWORD code) {
-    const int runtimeError = errno;
-    if (code == 0 && runtimeError != 0)
-        return StrFormat("%s (0x%08lX/%lu)", strerror(runtimeError),
-                         static_cast<unsigned long>(runtimeError),
-                         static_cast<unsigned long>(runtimeError));
-    return FormatSystemError(code);
-}
-
 void ReportStarted(const Str& commandLine, uint32_t processId) {
     const EventValue values[] = {
         {"command", commandLine, false},
@@ -55,7 +43,7 @@ void ReportStartFailed(const Str& commandLine) {
     LastErrorKeeper keep;
     const EventValue values[] = {
         {"command", commandLine, false},
-        {"error", FailureText(keep.Saved()), false},
+        {"error", LastErrorText(keep.Saved()), false},
     };
     EventDescriptor descriptor;
     descriptor.message = "Command start failed";
