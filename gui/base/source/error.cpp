@@ -838,8 +838,31 @@ void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t code, co
 // ---------------------------------------------------------------------------
 // Diagnostic event catalogue
 
+namespace {
+
+struct DiagnosticEventDefinition {
+    uint32_t id;
+    const char* name;
+    const char* fields; // field names separated by ";"
+};
+
+// The events of the "Korvanta Base Library" provider.
+const DiagnosticEventDefinition kDiagnosticEvents[] = {
+    {100, "Critical Section Wait", "lock;locksite;lastlocksite;lastduration_ms"},
+    {101, "Thread::Start", "name"},
+    {102, "Error", "msg"},
+    {103, "ReportEvent", "source;eventid;event"},
+    {104, "ReportError", "source;eventid;event"},
+    {105, "ReportWarning", "source;eventid;event"},
+    {106, "Read Lock Wait", "lock;locksite"},
+    {107, "Write Lock Wait", "lock;locksite"},
+};
+
+} // namespace
+
 DiagnosticCatalogue* GetDiagnosticCatalogue() {
-    // No event consumer is attached in this program, so the provider stays disabled.
+    // No event consumer attaches to the provider in this program, so it reports
+    // itself disabled and no event is ever built.
     static DiagnosticCatalogue s_catalogue = {false, nullptr};
     return &s_catalogue;
 }
@@ -848,7 +871,13 @@ void FireDiagnosticEvent(uint32_t id, uint32_t phase, const char* const* fields,
     LastErrorKeeper keep;
     if (!GetDiagnosticCatalogue()->enabled)
         return;
-    Str text = StrFormat("Diagnostic event %u phase %u", id, phase);
+    const DiagnosticEventDefinition* definition = nullptr;
+    for (const DiagnosticEventDefinition& event : kDiagnosticEvents)
+        if (event.id == id)
+            definition = &event;
+    if (definition == nullptr)
+        return;
+    Str text = StrFormat("%s (%u) phase %u [%s]", definition->name, id, phase, definition->fields);
     for (uint32_t i = 0; i < count; ++i) {
         text.Append(i == 0 ? ": " : ";");
         text.Append(fields[i] != nullptr ? fields[i] : "");
