@@ -198,4 +198,38 @@ bool PathExists(const std::wstring& path) {
     return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
+bool WaitForPath(const std::wstring& path, DWORD timeoutMs) {
+    const ULONGLONG deadline = GetTickCount64() + timeoutMs;
+    while (!PathExists(path)) {
+        if (GetTickCount64() > deadline)
+            return false;
+        Sleep(100);
+    }
+    return true;
+}
+
+std::vector<std::string> SplitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos)
+            end = text.size();
+        std::string line = text.substr(start, end - start);
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        lines.push_back(line);
+        start = end + 1;
+    }
+    return lines;
+}
+
+std::wstring ReadRegistryString(HKEY root, const wchar_t* key, const wchar_t* value) {
+    wchar_t text[1024] = {};
+    DWORD bytes = sizeof text;
+    if (RegGetValueW(root, key, value, RRF_RT_REG_SZ, nullptr, text, &bytes) != ERROR_SUCCESS)
+        return L"";
+    return text;
+}
+
 } // namespace testsupport

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace testsupport {
 
@@ -43,5 +44,12 @@ void RemoveTree(const std::wstring& path);
 bool WriteFileBytes(const std::wstring& path, const std::string& bytes);
 bool ReadFileBytes(const std::wstring& path, std::string& bytes);
 bool PathExists(const std::wstring& path);
+// Polls until the path exists or the time runs out.
+bool WaitForPath(const std::wstring& path, DWORD timeoutMs);
+
+// The lines of a text, split at LF with a CR before it removed.
+std::vector<std::string> SplitLines(const std::string& text);
+// A REG_SZ value ("" when absent).
+std::wstring ReadRegistryString(HKEY root, const wchar_t* key, const wchar_t* value);
 
 } // namespace testsupport

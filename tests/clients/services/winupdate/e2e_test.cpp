@@ -56,22 +56,8 @@ UniqueServiceHandle EndToEnd::s_manager;
 UniqueServiceHandle EndToEnd::s_service;
 
 std::wstring ReadInstallerRecord() {
-    wchar_t text[1024] = {};
-    DWORD bytes = sizeof text;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Korvanta\\WebClient\\Setups\\Cloud",
-                     L"UpdateInstaller", RRF_RT_REG_SZ, nullptr, text, &bytes) != ERROR_SUCCESS)
-        return L"";
-    return text;
-}
-
-bool WaitForFile(const std::wstring& path, DWORD timeoutMs) {
-    const ULONGLONG deadline = GetTickCount64() + timeoutMs;
-    while (!PathExists(path)) {
-        if (GetTickCount64() > deadline)
-            return false;
-        Sleep(100);
-    }
-    return true;
+    return ReadRegistryString(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Korvanta\\WebClient\\Setups\\Cloud",
+                              L"UpdateInstaller");
 }
 
 } // namespace
@@ -96,7 +82,7 @@ TEST_F(EndToEnd, SignedPackageIsInstalledFromTheUpdateDirectory) {
     // msiexec installs the payload; the product name keeps Windows-1252 characters only.
     const std::wstring payload =
         L"C:\\Program Files (x86)\\KorvantaTest\\E2E Gr\u00fc\u00dfe _\\payload.txt";
-    ASSERT_TRUE(WaitForFile(payload, 30000)) << Narrow(payload);
+    ASSERT_TRUE(WaitForPath(payload, 30000)) << Narrow(payload);
     std::string text;
     ASSERT_TRUE(ReadFileBytes(payload, text));
     EXPECT_EQ(text.rfind("Korvanta test payload", 0), 0u) << text;
@@ -139,7 +125,7 @@ TEST_F(EndToEnd, RequestWithoutPackageLeavesAMarkerThatTheNextPassRemoves) {
         OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Global\\com.korvanta.updateservice.msipush"));
     ASSERT_TRUE(push);
     SetEvent(push.Get());
-    ASSERT_TRUE(WaitForFile(result, 20000));
+    ASSERT_TRUE(WaitForPath(result, 20000));
     Sleep(200);
     std::string text;
     ASSERT_TRUE(ReadFileBytes(result, text));

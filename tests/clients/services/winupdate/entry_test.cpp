@@ -63,22 +63,6 @@ std::string SystemText(DWORD code) {
     return Narrow(text);
 }
 
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos)
-            end = text.size();
-        std::string line = text.substr(start, end - start);
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        lines.push_back(line);
-        start = end + 1;
-    }
-    return lines;
-}
-
 } // namespace
 
 // Started from a console, the service dispatcher fails (under Wine only after
@@ -124,7 +108,7 @@ TEST(Entry, ConsoleStartsReportTheDispatcherFailure) {
         if (c.stream == 2) {
             EXPECT_EQ(r.out, "") << label;
         }
-        const std::vector<std::string> lines = Lines(stream);
+        const std::vector<std::string> lines = SplitLines(stream);
         ASSERT_EQ(lines.size(), 1u) << label << ": " << stream;
         const auto record = nlohmann::ordered_json::parse(lines[0]);
         auto field = record.begin();

@@ -99,12 +99,8 @@ class QueuePass : public ::testing::Test {
 QueueChecks QueuePass::s_defaults = g_queueChecks;
 
 std::wstring ReadInstallerRecord() {
-    wchar_t text[1024] = {};
-    DWORD bytes = sizeof text;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Korvanta\\WebClient\\Setups\\Cloud",
-                     L"UpdateInstaller", RRF_RT_REG_SZ, nullptr, text, &bytes) != ERROR_SUCCESS)
-        return L"";
-    return text;
+    return ReadRegistryString(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Korvanta\\WebClient\\Setups\\Cloud",
+                              L"UpdateInstaller");
 }
 
 void SetPolicy(DWORD type, const void* data, DWORD size) {
