@@ -5,17 +5,14 @@
 
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "files.h"
+#include "handles.h"
 #include "testsupport.h"
 
-using testsupport::Narrow;
-using testsupport::PathExists;
-using testsupport::ReadFileBytes;
-using testsupport::ScratchDir;
-using testsupport::Widen;
-using testsupport::WriteFileBytes;
+using namespace testsupport;
 
 namespace {
 
@@ -33,665 +30,311 @@ std::string ReadText(const std::wstring& path) {
     return ReadFileBytes(path, bytes) ? bytes : std::string("<missing>");
 }
 
-// Records every notice; phase-2 entries also say whether the path exists then.
-struct Notice {
-    uint32_t operation;
-    uint32_t tag;
-    uint32_t phase;
-    std::string path;
-    std::string second; // "<null>" when absent
-    bool existsAfter;
-};
-std::vector<Notice> g_notices;
+// Holds a file open without FILE_SHARE_DELETE.
+UniqueFile Lock(const std::wstring& path) {
+    return UniqueFile(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                  nullptr, OPEN_EXISTING, 0, nullptr));
+}
+
+// Every notice as "operation phase path [second]", with "+" when the path exists then.
+std::vector<std::string> g_notices;
 
 void RecordNotice(uint32_t operation, uint32_t tag, uint32_t phase, const char* path,
                   const char* second) {
     const bool exists = GetFileAttributesW(Widen(path).c_str()) != INVALID_FILE_ATTRIBUTES;
-    g_notices.push_back({operation, tag, phase, path, second ? second : "<null>", exists});
+    g_notices.push_back(std::to_string(operation) + " " + std::to_string(phase) + " " + path +
+                        (second ? std::string(" ") + second : "") + (exists ? " +" : "") +
+                        (tag == kFileOperationNoticeTag ? "" : " bad tag"));
     SetLastError(0xBAD); // the operations must not see this
 }
 
-class HookScope {
-  public:
-    HookScope() {
-        g_notices.clear();
-        SetFileOperationHook(&RecordNotice);
-    }
-    ~HookScope() { SetFileOperationHook(nullptr); }
-};
-
-class LongPathScope {
-  public:
-    explicit LongPathScope(bool on) { SetLongPathsEnabled(on); }
-    ~LongPathScope() { SetLongPathsEnabled(false); }
-};
-
-// Holds a file open without FILE_SHARE_DELETE.
-class Locker {
-  public:
-    explicit Locker(const std::wstring& path)
-        : m_handle(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                               nullptr, OPEN_EXISTING, 0, nullptr)) {}
-    ~Locker() {
-        if (m_handle != INVALID_HANDLE_VALUE)
-            CloseHandle(m_handle);
-    }
-    bool Valid() const { return m_handle != INVALID_HANDLE_VALUE; }
-
-  private:
-    HANDLE m_handle;
-};
-
-} // namespace
-
-TEST(CreateDirectoryPath, OutcomesAndErrors) {
-    ScratchDir dir(L"files-mkdir");
-    ASSERT_TRUE(CreateDirectoryW(dir.Join(L"existing").c_str(), nullptr));
-    ASSERT_TRUE(WriteFileBytes(dir.Join(L"file"), "x"));
-    struct Case {
-        const wchar_t* name;
-        bool withParents;
-        bool quiet;
-        bool expected;
-        DWORD error; // 0: not checked (success)
-        bool directoryAfter;
-    } cases[] = {
-        {L"existing", false, false, true, ERROR_ALREADY_EXISTS, true},
-        {L"existing", true, true, true, ERROR_ALREADY_EXISTS, true},
-        // Without parents and quiet, any failed creation is final.
-        {L"existing", false, true, false, ERROR_ALREADY_EXISTS, true},
-        {L"file", false, false, false, ERROR_ALREADY_EXISTS, false},
-        {L"file", true, false, false, ERROR_ALREADY_EXISTS, false},
-        {L"file\\below", true, false, false, 0, false},
-        {L"fresh", false, false, true, 0, true},
-        {L"missing\\child", false, false, false, ERROR_PATH_NOT_FOUND, false},
-        {L"missing2\\child", false, true, false, ERROR_PATH_NOT_FOUND, false},
-        {L"deep\\er\\still", true, false, true, 0, true},
-        {L"trailing\\sep\\", true, true, true, 0, true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(Narrow(c.name));
-        const std::wstring path = dir.Join(c.name);
-        SetLastError(0);
-        EXPECT_EQ(CreateDirectoryPath(U8(path), c.withParents, c.quiet), c.expected);
-        if (c.error != 0) {
-            EXPECT_EQ(GetLastError(), c.error);
-        }
-        EXPECT_EQ(IsDirectory(path), c.directoryAfter);
-    }
-    EXPECT_FALSE(IsDirectory(dir.Join(L"missing")));
-}
-
-TEST(CreateDirectoryPath, ParentsAreCreatedTopDown) {
-    ScratchDir dir(L"files-parents");
-    HookScope hook;
-    const std::wstring leaf = dir.Join(L"a\\b\\c");
-    ASSERT_TRUE(CreateDirectoryPath(U8(leaf), true, false));
-    std::vector<std::string> created;
-    for (size_t i = 0; i < g_notices.size(); ++i) {
-        const Notice& n = g_notices[i];
-        EXPECT_EQ(n.operation, kFileOperationCreate);
-        EXPECT_EQ(n.tag, 60u);
-        EXPECT_EQ(n.phase, i % 2 == 0 ? 1u : 2u);
-        if (n.phase == 1)
-            EXPECT_FALSE(n.existsAfter) << n.path; // never re-creates an existing level
-        else if (n.existsAfter)
-            created.push_back(n.path);
-    }
-    const std::vector<std::string> expected = {Narrow(dir.Join(L"a")), Narrow(dir.Join(L"a\\b")),
-                                               Narrow(dir.Join(L"a\\b\\c"))};
-    EXPECT_EQ(created, expected);
-    EXPECT_TRUE(IsDirectory(leaf));
-}
-
-TEST(CreateEmptyFile, CreatesAndTruncates) {
-    ScratchDir dir(L"files-empty");
-    const std::wstring path = dir.Join(L"e.pending");
-    ASSERT_TRUE(WriteFileBytes(path, "old content"));
-    EXPECT_TRUE(CreateEmptyFile(U8(path)));
-    EXPECT_EQ(ReadText(path), "");
-    EXPECT_TRUE(FileExists(U8(path)));
-
-    const std::wstring fresh = dir.Join(L"fresh");
-    EXPECT_TRUE(CreateEmptyFile(U8(fresh)));
-    EXPECT_EQ(ReadText(fresh), "");
-    // The handle is closed: the file can be deleted at once.
-    EXPECT_TRUE(DeleteFileW(fresh.c_str()));
-
-    SetLastError(0);
-    EXPECT_FALSE(CreateEmptyFile(U8(dir.Join(L"nodir\\x"))));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
-}
-
-TEST(FileExists, FilesOnly) {
-    ScratchDir dir(L"files-exists");
-    ASSERT_TRUE(WriteFileBytes(dir.Join(L"f"), "1"));
-    ASSERT_TRUE(CreateDirectoryW(dir.Join(L"d").c_str(), nullptr));
-    EXPECT_TRUE(FileExists(U8(dir.Join(L"f"))));
-    EXPECT_FALSE(FileExists(U8(dir.Join(L"d"))));
-    SetLastError(0);
-    EXPECT_FALSE(FileExists(U8(dir.Join(L"none"))));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-    EXPECT_FALSE(FileExists(Str()));
-    // A path that is not UTF-8 is never handed to the platform.
-    SetLastError(0);
-    EXPECT_FALSE(FileExists(Str("\xFF\xFE")));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_UNICODE_TRANSLATION));
-}
-
-TEST(DeleteFilePath, ForceAndErrors) {
-    ScratchDir dir(L"files-delete");
-    enum Setup { Missing, Plain, ReadOnly, MissingDirectory };
-    struct Case {
-        const char* name;
-        Setup setup;
-        bool force;
-        bool expected;
-        DWORD error; // 0: not checked
-    } cases[] = {
-        {"missing forced", Missing, true, true, 0},
-        {"missing unforced", Missing, false, false, ERROR_FILE_NOT_FOUND},
-        {"missing directory forced", MissingDirectory, true, true, 0},
-        {"missing directory unforced", MissingDirectory, false, false, ERROR_PATH_NOT_FOUND},
-        {"plain unforced", Plain, false, true, 0},
-        {"plain forced", Plain, true, true, 0},
-        {"read-only unforced", ReadOnly, false, false, ERROR_ACCESS_DENIED},
-        {"read-only forced", ReadOnly, true, true, 0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::wstring path = dir.Join(Widen(c.name));
-        if (c.setup == MissingDirectory)
-            path = dir.Join(L"nodir\\x");
-        if (c.setup == Plain || c.setup == ReadOnly) {
-            ASSERT_TRUE(WriteFileBytes(path, "data"));
-        }
-        if (c.setup == ReadOnly) {
-            ASSERT_TRUE(SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY));
-        }
-        SetLastError(0);
-        EXPECT_EQ(DeleteFilePath(U8(path), c.force), c.expected);
-        if (c.error != 0) {
-            EXPECT_EQ(GetLastError(), c.error);
-        }
-        if (c.expected) {
-            EXPECT_FALSE(PathExists(path));
-        } else if (c.setup == ReadOnly) {
-            EXPECT_TRUE(PathExists(path));
-        }
-    }
-}
-
-TEST(DeleteFilePath, LockedFileFailsWithSharingViolation) {
-    ScratchDir dir(L"files-locked");
-    const std::wstring path = dir.Join(L"held.msi");
-    ASSERT_TRUE(WriteFileBytes(path, "pkg"));
-    ASSERT_TRUE(SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN));
-    {
-        Locker lock(path);
-        ASSERT_TRUE(lock.Valid());
-        for (bool force : {false, true}) {
-            SCOPED_TRACE(force);
-            SetLastError(0);
-            EXPECT_FALSE(DeleteFilePath(U8(path), force));
-            // The open for deletion fails before the read-only bit matters.
-            EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-        }
-        // The forced attempt cleared read-only but kept the other settable attributes.
-        const DWORD attributes = GetFileAttributesW(path.c_str());
-        EXPECT_EQ(attributes & FILE_ATTRIBUTE_READONLY, 0u);
-        EXPECT_NE(attributes & FILE_ATTRIBUTE_HIDDEN, 0u);
-        EXPECT_TRUE(PathExists(path));
-    }
-    EXPECT_TRUE(DeleteFilePath(U8(path), false));
-    EXPECT_FALSE(PathExists(path));
-}
-
-TEST(MoveFilePath, ReplaceAndFailIfExists) {
-    ScratchDir dir(L"files-move");
-    enum Setup { NewDestination, ExistingDestination, MissingSource };
-    struct Case {
-        const char* name;
-        Setup setup;
-        bool failIfExists;
-        bool expected;
-        DWORD error; // 0: not checked
-        const char* destinationAfter;
-        bool sourceAfter;
-    } cases[] = {
-        {"new", NewDestination, false, true, 0, "source", false},
-        {"new fail-if-exists", NewDestination, true, true, 0, "source", false},
-        {"replace", ExistingDestination, false, true, 0, "source", false},
-        {"existing fail-if-exists", ExistingDestination, true, false, ERROR_ALREADY_EXISTS,
-         "destination", true},
-        {"missing source", MissingSource, false, false, ERROR_FILE_NOT_FOUND, "<missing>", false},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::wstring source = dir.Join(Widen(c.name) + L".src");
-        const std::wstring destination = dir.Join(Widen(c.name) + L".dst");
-        if (c.setup != MissingSource) {
-            ASSERT_TRUE(WriteFileBytes(source, "source"));
-        }
-        if (c.setup == ExistingDestination) {
-            ASSERT_TRUE(WriteFileBytes(destination, "destination"));
-        }
-        SetLastError(0);
-        EXPECT_EQ(MoveFilePath(U8(source), U8(destination), c.failIfExists), c.expected);
-        if (c.error != 0) {
-            EXPECT_EQ(GetLastError(), c.error);
-        }
-        EXPECT_EQ(ReadText(destination), c.destinationAfter);
-        EXPECT_EQ(PathExists(source), c.sourceAfter);
-    }
-}
-
-namespace {
-
-// Stand-ins for the platform moves, to reach the fallbacks.
-DWORD g_moveFileExError;
-DWORD g_moveFileError; // 0: the real MoveFileW
+// Stand-ins for the platform moves, to reach the fallbacks: each fails with its
+// error, or (error 0) does the real move.
+DWORD g_moveFileExError, g_moveFileError;
 int g_moveFileCalls;
 
-BOOL WINAPI FailingMoveFileEx(LPCWSTR, LPCWSTR, DWORD) {
+BOOL WINAPI ScriptedMoveFileEx(LPCWSTR source, LPCWSTR destination, DWORD flags) {
     SetLastError(g_moveFileExError);
-    return FALSE;
+    return g_moveFileExError == 0 && MoveFileExW(source, destination, flags);
 }
 
 BOOL WINAPI ScriptedMoveFile(LPCWSTR source, LPCWSTR destination) {
     ++g_moveFileCalls;
-    if (g_moveFileError == 0)
-        return MoveFileW(source, destination);
     SetLastError(g_moveFileError);
-    return FALSE;
+    return g_moveFileError == 0 && MoveFileW(source, destination);
 }
-
-class MoveFunctionsScope {
-  public:
-    MoveFunctionsScope() {
-        const FileMoveFunctions functions = {&FailingMoveFileEx, &ScriptedMoveFile};
-        SetFileMoveFunctionsForTesting(&functions);
-    }
-    ~MoveFunctionsScope() { SetFileMoveFunctionsForTesting(nullptr); }
-};
 
 } // namespace
 
-TEST(MoveFilePath, Fallbacks) {
-    ScratchDir dir(L"files-fallback");
-    MoveFunctionsScope scope;
-    struct Case {
-        const char* name;
-        DWORD moveFileExError;
-        DWORD moveFileError; // 0: real plain move
-        bool destinationExists;
-        bool failIfExists;
-        bool lockSource;
-        bool expected;
-        DWORD error; // 0: not checked
-        int plainMoves;
-        const char* destinationAfter;
-        bool sourceAfter;
-    } cases[] = {
-        // Only "not implemented" leads to the fallbacks.
-        {"other error", ERROR_ACCESS_DENIED, 0, false, false, false, false, ERROR_ACCESS_DENIED, 0,
-         "<missing>", true},
-        {"plain move", ERROR_CALL_NOT_IMPLEMENTED, 0, false, false, false, true, 0, 1, "source",
-         false},
-        // The plain move does not replace: the destination is deleted and the move retried.
-        {"plain replace", ERROR_CALL_NOT_IMPLEMENTED, 0, true, false, false, true, 0, 2, "source",
-         false},
-        {"plain fail-if-exists", ERROR_CALL_NOT_IMPLEMENTED, 0, true, true, false, false, 0, 1,
-         "destination", true},
-        {"plain other error", ERROR_CALL_NOT_IMPLEMENTED, ERROR_INVALID_NAME, false, false, false,
-         false, ERROR_INVALID_NAME, 1, "<missing>", true},
-        // Across volumes: copy, then delete the source.
-        {"cross device", ERROR_CALL_NOT_IMPLEMENTED, ERROR_NOT_SAME_DEVICE, false, false, false,
-         true, 0, 1, "source", false},
-        {"cross device replace", ERROR_CALL_NOT_IMPLEMENTED, ERROR_NOT_SAME_DEVICE, true, false,
-         false, true, 0, 1, "source", false},
-        {"cross device fail-if-exists", ERROR_CALL_NOT_IMPLEMENTED, ERROR_NOT_SAME_DEVICE, true,
-         true, false, false, 0, 1, "destination", true},
-        // A source that cannot be deleted: the copy is taken back.
-        {"cross device source held", ERROR_CALL_NOT_IMPLEMENTED, ERROR_NOT_SAME_DEVICE, false,
-         false, true, false, ERROR_SHARING_VIOLATION, 1, "<missing>", true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::wstring source = dir.Join(Widen(c.name) + L".src");
-        const std::wstring destination = dir.Join(Widen(c.name) + L".dst");
-        ASSERT_TRUE(WriteFileBytes(source, "source"));
-        if (c.destinationExists) {
-            ASSERT_TRUE(WriteFileBytes(destination, "destination"));
-        }
-        g_moveFileExError = c.moveFileExError;
-        g_moveFileError = c.moveFileError;
-        g_moveFileCalls = 0;
-        bool result;
-        {
-            Locker lock(c.lockSource ? source : std::wstring());
-            ASSERT_EQ(lock.Valid(), c.lockSource);
-            SetLastError(0);
-            result = MoveFilePath(U8(source), U8(destination), c.failIfExists);
-            if (c.error != 0) {
-                EXPECT_EQ(GetLastError(), c.error);
-            }
-        }
-        EXPECT_EQ(result, c.expected);
-        EXPECT_EQ(g_moveFileCalls, c.plainMoves);
-        EXPECT_EQ(ReadText(destination), c.destinationAfter);
-        EXPECT_EQ(PathExists(source), c.sourceAfter);
-    }
-}
-
-TEST(FileOperationNotices, OrderAndPhases) {
-    ScratchDir dir(L"files-notices");
-    const std::string d = Narrow(dir.Join(L"d"));
-    const std::string f = Narrow(dir.Join(L"f"));
-    const std::string g = Narrow(dir.Join(L"g"));
-    const std::string missing = Narrow(dir.Join(L"missing"));
-    {
-        HookScope hook;
-        EXPECT_TRUE(CreateDirectoryPath(Str(d.c_str()), false, false));
-        EXPECT_TRUE(CreateEmptyFile(Str(f.c_str())));
-        EXPECT_TRUE(MoveFilePath(Str(f.c_str()), Str(g.c_str()), false));
-        EXPECT_TRUE(DeleteFilePath(Str(g.c_str()), false));
-        // A forced delete of a missing file changes nothing and says nothing.
-        EXPECT_TRUE(DeleteFilePath(Str(missing.c_str()), true));
-        // Failing calls are announced all the same, and the hook does not touch
-        // the caller's last error.
+TEST(Files, CreateDirectoryPath) {
+    ScratchDir dir(L"files-mkdir");
+    ASSERT_TRUE(CreateDirectoryW(dir.Join(L"existing").c_str(), nullptr));
+    ASSERT_TRUE(WriteFileBytes(dir.Join(L"file"), "x"));
+    // Name, with parents, quiet, result, last error (0: not checked), a directory afterwards.
+    const std::tuple<const wchar_t*, bool, bool, bool, DWORD, bool> cases[] = {
+        {L"existing", false, false, true, ERROR_ALREADY_EXISTS, true},
+        {L"existing", true, true, true, ERROR_ALREADY_EXISTS, true},
+        // Without parents and quiet, any failed creation is final.
+        {L"existing", false, true, false, ERROR_ALREADY_EXISTS, true},
+        {L"file", true, false, false, ERROR_ALREADY_EXISTS, false},
+        {L"file\\below", true, false, false, 0, false},
+        {L"missing\\child", false, false, false, ERROR_PATH_NOT_FOUND, false},
+        {L"deep\\er\\still", true, false, true, 0, true},
+        {L"trailing\\sep\\", true, true, true, 0, true}};
+    for (const auto& [name, withParents, quiet, expected, error, directoryAfter] : cases) {
+        SCOPED_TRACE(Narrow(name));
         SetLastError(0);
-        EXPECT_FALSE(DeleteFilePath(Str(missing.c_str()), false));
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-        // Queries are not announced.
-        EXPECT_FALSE(FileExists(Str(g.c_str())));
-        EXPECT_TRUE(EnumerateFiles(Str((Narrow(dir.Path()) + "\\*").c_str())).empty());
+        EXPECT_EQ(CreateDirectoryPath(U8(dir.Join(name)), withParents, quiet), expected);
+        EXPECT_EQ(error ? GetLastError() : 0u, error);
+        EXPECT_EQ(IsDirectory(dir.Join(name)), directoryAfter);
     }
-    struct Expected {
-        uint32_t operation;
-        uint32_t phase;
-        std::string path;
-        std::string second;
-        bool existsAfter;
-    } expected[] = {
-        {0, 1, d, "<null>", false},
-        {0, 2, d, "<null>", true},
-        {0, 1, f, "<null>", false},
-        {0, 2, f, "<null>", true},
-        {9, 1, f, g, true},
-        {9, 2, f, g, false},
-        {2, 1, g, "<null>", true},
-        {2, 2, g, "<null>", false},
-        {2, 1, missing, "<null>", false},
-        {2, 2, missing, "<null>", false},
+    EXPECT_FALSE(IsDirectory(dir.Join(L"missing")));
+}
+
+TEST(Files, DeleteFilePath) {
+    ScratchDir dir(L"files-delete");
+    // Name ("nodir\x": in a missing directory), content (null: none), read-only, held open
+    // without delete sharing, force, result, last error (0: not checked).
+    const std::tuple<const wchar_t*, const char*, bool, bool, bool, bool, DWORD> cases[] = {
+        {L"missing", nullptr, false, false, true, true, 0},
+        {L"missing", nullptr, false, false, false, false, ERROR_FILE_NOT_FOUND},
+        {L"nodir\\x", nullptr, false, false, true, true, 0},
+        {L"nodir\\x", nullptr, false, false, false, false, ERROR_PATH_NOT_FOUND},
+        {L"plain", "data", false, false, false, true, 0},
+        {L"read-only", "data", true, false, false, false, ERROR_ACCESS_DENIED},
+        {L"read-only", "data", true, false, true, true, 0},
+        // The open for deletion fails before read-only matters.
+        {L"held", "pkg", true, true, false, false, ERROR_SHARING_VIOLATION},
+        {L"held", "pkg", true, true, true, false, ERROR_SHARING_VIOLATION},
     };
-    ASSERT_EQ(g_notices.size(), std::size(expected));
-    for (size_t i = 0; i < g_notices.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(g_notices[i].operation, expected[i].operation);
-        EXPECT_EQ(g_notices[i].tag, 60u);
-        EXPECT_EQ(g_notices[i].phase, expected[i].phase);
-        EXPECT_EQ(g_notices[i].path, expected[i].path);
-        EXPECT_EQ(g_notices[i].second, expected[i].second);
-        EXPECT_EQ(g_notices[i].existsAfter, expected[i].existsAfter);
+    for (const auto& [name, content, readOnly, held, force, expected, error] : cases) {
+        SCOPED_TRACE(Narrow(name) + (force ? " forced" : ""));
+        const std::wstring path = dir.Join(name + std::wstring(force ? L"-f" : L""));
+        ASSERT_TRUE(!content ||
+                    (WriteFileBytes(path, content) &&
+                     SetFileAttributesW(path.c_str(), readOnly ? FILE_ATTRIBUTE_READONLY
+                                                               : FILE_ATTRIBUTE_NORMAL)));
+        const UniqueFile lock = held ? Lock(path) : UniqueFile();
+        ASSERT_EQ(lock.Valid(), held);
+        SetLastError(0);
+        EXPECT_EQ(DeleteFilePath(U8(path), force), expected);
+        EXPECT_EQ(error ? GetLastError() : 0u, error);
+        EXPECT_EQ(PathExists(path), content && !expected);
     }
 }
 
-TEST(EnumerateFiles, FilesMatchingThePattern) {
+// The platform's move first; where it is not implemented, a plain move, which
+// neither replaces nor crosses volumes, then delete-and-retry or copy-and-delete.
+TEST(Files, MoveFilePath) {
+    ScratchDir dir(L"files-move");
+    const FileMoveFunctions functions = {&ScriptedMoveFileEx, &ScriptedMoveFile};
+    SetFileMoveFunctionsForTesting(&functions);
+    constexpr DWORD kNone = ERROR_CALL_NOT_IMPLEMENTED, kCross = ERROR_NOT_SAME_DEVICE;
+    // The platform's errors (0: real), setup ("s" source, "d" destination, "h" source held,
+    // "f" fail-if-exists), result, last error (0: not checked), plain moves, destination
+    // afterwards, source afterwards.
+    const std::tuple<DWORD, DWORD, const char*, bool, DWORD, int, const char*, bool> cases[] = {
+        {0, 0, "s", true, 0, 0, "source", false},
+        {0, 0, "sd", true, 0, 0, "source", false},
+        {0, 0, "sdf", false, ERROR_ALREADY_EXISTS, 0, "destination", true},
+        {0, 0, "", false, ERROR_FILE_NOT_FOUND, 0, "<missing>", false},
+        // Only "not implemented" leads to the fallbacks.
+        {ERROR_ACCESS_DENIED, 0, "s", false, ERROR_ACCESS_DENIED, 0, "<missing>", true},
+        {kNone, 0, "s", true, 0, 1, "source", false},
+        {kNone, 0, "sd", true, 0, 2, "source", false}, // delete the destination, then again
+        {kNone, 0, "sdf", false, 0, 1, "destination", true},
+        {kNone, ERROR_INVALID_NAME, "s", false, ERROR_INVALID_NAME, 1, "<missing>", true},
+        // Across volumes: copy, then delete the source.
+        {kNone, kCross, "s", true, 0, 1, "source", false},
+        {kNone, kCross, "sd", true, 0, 1, "source", false},
+        {kNone, kCross, "sdf", false, 0, 1, "destination", true},
+        // A source that cannot be deleted: the copy is taken back.
+        {kNone, kCross, "sh", false, ERROR_SHARING_VIOLATION, 1, "<missing>", true},
+    };
+    int row = 0;
+    for (const auto& [exError, plainError, setup, expected, error, plainMoves, destinationAfter,
+                      sourceAfter] : cases) {
+        SCOPED_TRACE(++row);
+        const auto has = [setup = std::string(setup)](char flag) {
+            return setup.find(flag) != std::string::npos;
+        };
+        const std::wstring source = dir.Join(std::to_wstring(row) + L".src");
+        const std::wstring destination = dir.Join(std::to_wstring(row) + L".dst");
+        ASSERT_TRUE(!has('s') || WriteFileBytes(source, "source"));
+        ASSERT_TRUE(!has('d') || WriteFileBytes(destination, "destination"));
+        g_moveFileExError = exError;
+        g_moveFileError = plainError;
+        g_moveFileCalls = 0;
+        {
+            const UniqueFile lock = has('h') ? Lock(source) : UniqueFile();
+            ASSERT_EQ(lock.Valid(), has('h'));
+            SetLastError(0);
+            EXPECT_EQ(MoveFilePath(U8(source), U8(destination), has('f')), expected);
+            EXPECT_EQ(error ? GetLastError() : 0u, error);
+        }
+        EXPECT_EQ(g_moveFileCalls, plainMoves);
+        EXPECT_EQ(ReadText(destination), destinationAfter);
+        EXPECT_EQ(PathExists(source), sourceAfter);
+    }
+    SetFileMoveFunctionsForTesting(nullptr);
+}
+
+// Changing operations announce themselves before and after, whatever the outcome.
+TEST(Files, NoticesOrderAndPhases) {
+    ScratchDir dir(L"files-notices");
+    const std::string d = Narrow(dir.Path()) + "\\";
+    const auto at = [&d](const char* name) { return Str((d + name).c_str()); };
+    SetFileOperationHook(&RecordNotice);
+    // Missing levels are created from the top down, none twice.
+    EXPECT_TRUE(CreateDirectoryPath(at("a\\b\\c"), true, false));
+    std::vector<std::string> created;
+    for (const std::string& notice : g_notices) {
+        EXPECT_EQ(notice.rfind("0 ", 0), 0u) << notice;
+        EXPECT_FALSE(notice.rfind("0 1 ", 0) == 0 && notice.back() == '+') << notice;
+        if (notice.rfind("0 2 ", 0) == 0 && notice.back() == '+')
+            created.push_back(notice.substr(4, notice.size() - 6));
+    }
+    EXPECT_EQ(created, (std::vector<std::string>{d + "a", d + "a\\b", d + "a\\b\\c"}));
+
+    g_notices.clear();
+    ASSERT_TRUE(WriteFileBytes(dir.Join(L"f"), "old content"));
+    EXPECT_TRUE(CreateEmptyFile(at("f"))); // truncates, and closes: movable at once
+    EXPECT_EQ(ReadText(dir.Join(L"f")), "");
+    EXPECT_TRUE(MoveFilePath(at("f"), at("g"), false));
+    EXPECT_TRUE(FileExists(at("g")));
+    EXPECT_TRUE(DeleteFilePath(at("g"), false));
+    EXPECT_TRUE(DeleteFilePath(at("missing"), true)); // changes nothing, says nothing
+    // Failures are announced all the same, and the hook keeps the caller's last error;
+    // queries are not announced, nor is a path that is not UTF-8 handed on.
+    const auto failure = [](bool result) { return result ? DWORD(-1) : GetLastError(); };
+    EXPECT_EQ(failure(DeleteFilePath(at("missing"), false)), DWORD(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(failure(CreateEmptyFile(at("nodir\\x"))), DWORD(ERROR_PATH_NOT_FOUND));
+    EXPECT_EQ(failure(FileExists(at("g"))), DWORD(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(failure(FileExists(Str("\xFF\xFE"))), DWORD(ERROR_NO_UNICODE_TRANSLATION));
+    EXPECT_EQ(failure(DeleteFilePath(Str("\xFF\xFE"), true)), DWORD(ERROR_NO_UNICODE_TRANSLATION));
+    EXPECT_FALSE(FileExists(at("a"))); // a directory is no file
+    EXPECT_TRUE(EnumerateFiles(at("*")).empty());
+    const std::vector<std::string> expected = {
+        "0 1 " + d + "f +",          "0 2 " + d + "f +",     "9 1 " + d + "f " + d + "g +",
+        "9 2 " + d + "f " + d + "g", "2 1 " + d + "g +",     "2 2 " + d + "g",
+        "2 1 " + d + "missing",      "2 2 " + d + "missing", "0 1 " + d + "nodir\\x",
+        "0 2 " + d + "nodir\\x"};
+    EXPECT_EQ(g_notices, expected);
+    SetFileOperationHook(nullptr);
+}
+
+TEST(Files, EnumerateFilesSkipsDirectories) {
     ScratchDir dir(L"files-enum");
     for (const wchar_t* name : {L"a.pending", L"b.pending", L"c.msi", L"\u00e4\u20ac.pending"})
         ASSERT_TRUE(WriteFileBytes(dir.Join(name), ""));
-    ASSERT_TRUE(CreateDirectoryW(dir.Join(L"sub.pending").c_str(), nullptr));
-    ASSERT_TRUE(CreateDirectoryW(dir.Join(L"only").c_str(), nullptr));
-    ASSERT_TRUE(CreateDirectoryW(dir.Join(L"only\\x.pending").c_str(), nullptr));
-    ASSERT_TRUE(CreateDirectoryW(dir.Join(L"only\\y").c_str(), nullptr));
-
-    // The platform's own listing, files only, in its order.
-    auto platformFiles = [](const std::wstring& pattern) {
-        std::vector<std::string> names;
+    for (const wchar_t* name : {L"sub.pending", L"only", L"only\\x.pending", L"only\\y"})
+        ASSERT_TRUE(CreateDirectoryW(dir.Join(name).c_str(), nullptr));
+    // Pattern, files found, last error (0: not checked); the names and their order are the
+    // platform's own listing less its directories.
+    const std::tuple<const wchar_t*, size_t, DWORD> cases[] = {
+        {L"*.pending", 3, 0},
+        {L"*", 4, 0},
+        {L"only\\*", 0, 0},
+        {L"*.result", 0, ERROR_FILE_NOT_FOUND},
+        {L"nodir\\*.pending", 0, ERROR_PATH_NOT_FOUND}};
+    for (const auto& [pattern, count, error] : cases) {
+        SCOPED_TRACE(Narrow(pattern));
+        std::vector<std::string> platform, names;
         WIN32_FIND_DATAW data;
-        HANDLE find = FindFirstFileW(pattern.c_str(), &data);
-        if (find == INVALID_HANDLE_VALUE)
-            return names;
-        do {
+        UniqueFind find(FindFirstFileW(dir.Join(pattern).c_str(), &data));
+        for (bool more = find.Valid(); more; more = FindNextFileW(find.Get(), &data)) {
             if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-                names.push_back(Narrow(data.cFileName));
-        } while (FindNextFileW(find, &data));
-        FindClose(find);
-        return names;
-    };
-    struct Case {
-        std::wstring pattern;
-        size_t count;
-        DWORD error; // 0: not checked
-    } cases[] = {
-        {dir.Join(L"*.pending"), 3, 0},
-        {dir.Join(L"*"), 4, 0},
-        {dir.Join(L"only\\*"), 0, 0},
-        {dir.Join(L"only\\*.pending"), 0, 0},
-        {dir.Join(L"*.result"), 0, ERROR_FILE_NOT_FOUND},
-        {dir.Join(L"nodir\\*.pending"), 0, ERROR_PATH_NOT_FOUND},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(Narrow(c.pattern));
-        SetLastError(0);
-        const std::vector<Str> found = EnumerateFiles(U8(c.pattern));
-        if (c.error != 0) {
-            EXPECT_EQ(GetLastError(), c.error);
+                platform.push_back(Narrow(data.cFileName));
         }
-        std::vector<std::string> names;
-        for (const Str& name : found)
+        SetLastError(0);
+        for (const Str& name : EnumerateFiles(U8(dir.Join(pattern))))
             names.push_back(name.Text());
-        EXPECT_EQ(names.size(), c.count);
-        EXPECT_EQ(names, platformFiles(c.pattern));
+        EXPECT_EQ(error ? GetLastError() : 0u, error);
+        EXPECT_EQ(names.size(), count);
+        EXPECT_EQ(names, platform);
     }
 }
 
-TEST(IsValidFileName, Rules) {
-    const std::string max255(255, 'n');
-    const std::string max256(256, 'n');
-    // 255 characters of two, three and four bytes each.
-    std::string wide255;
+TEST(Files, IsValidFileName) {
+    std::string wide255; // 255 characters of two, three and four bytes each
     for (int i = 0; i < 85; ++i)
         wide255 += "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80";
-    struct Case {
-        std::string name;
-        uint32_t maximum;
-        bool valid;
-    } cases[] = {
-        {"A.msi", 255, true},    {"a:b", 255, false},
-        {"...", 255, false},     {".", 255, false},
-        {"..", 255, false},      {"", 255, false},
-        {".x", 255, true},       {"x.", 255, true},
-        {max255, 255, true},     {max256, 255, false},
-        {"abc", 3, true},        {"abcd", 3, false},
-        {wide255, 255, true},    {wide255 + "x", 255, false},
-        {"\xC3\xA4", 1, true},   {"\xC3\xA4.", 1, false},
-        {"..\xC3\xA4", 3, true}, // a multi-byte character makes a name of dots valid
-        {"a\x01", 255, false},   {"a\x1F", 255, false},
-        {"a\t", 255, false},     {"a\x7F", 255, true},
-        {"a b", 255, true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(IsValidFileName(c.name.c_str(), c.maximum), c.valid);
-    }
-    for (char forbidden : std::string("?*<>|\":\\/")) {
-        SCOPED_TRACE(forbidden);
-        EXPECT_FALSE(IsValidFileName((std::string("a") + forbidden + "b").c_str(), 255));
-    }
+    const std::vector<std::string> valid = {
+        "A.msi", ".x", "x.", "a b", "a\x7F", std::string(255, 'n'), wide255};
+    std::vector<std::string> invalid = {
+        "a:b", "...", ".", "..", "", "a\x01", "a\x1F", "a\t", std::string(256, 'n'), wide255 + "x"};
+    for (char forbidden : std::string("?*<>|\":\\/"))
+        invalid.push_back(std::string("a") + forbidden + "b");
+    for (const std::string& name : valid)
+        EXPECT_TRUE(IsValidFileName(name.c_str(), 255)) << name;
+    for (const std::string& name : invalid)
+        EXPECT_FALSE(IsValidFileName(name.c_str(), 255)) << name;
     EXPECT_FALSE(IsValidFileName(static_cast<const char*>(nullptr), 255));
-    EXPECT_FALSE(IsValidFileName(Str(), 255));
+    // Maxima count characters; a multi-byte character makes a name of dots valid.
+    for (const auto& [name, maximum, isValid] : {std::tuple{"abc", 3u, true},
+                                                 {"abcd", 3u, false},
+                                                 {"\xC3\xA4", 1u, true},
+                                                 {"\xC3\xA4.", 1u, false},
+                                                 {"..\xC3\xA4", 3u, true}})
+        EXPECT_EQ(IsValidFileName(name, maximum), isValid) << name;
 }
 
-TEST(PathHelpers, Table) {
-    struct Case {
-        const char* path;
-        const char* fileName;
-        const char* stem;
-        const char* directory;
-    } cases[] = {
-        {"C:\\ProgramData\\korvanta.plugin\\A.pending", "A.pending", "A",
-         "C:\\ProgramData\\korvanta.plugin"},
-        {"C:\\x\\A.b.msi", "A.b.msi", "A.b", "C:\\x"},
-        {"C:/x/y", "y", "y", "C:/x"},
-        {"C:\\x/y.z", "y.z", "y", "C:\\x"},
+TEST(Files, PathHelpers) {
+    // Path, file name, stem, directory.
+    const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
+        {"C:\\x/A.b.msi", "A.b.msi", "A.b", "C:\\x"},
         {"C:\\a", "a", "a", "C:\\"},
-        {"C:\\", "", "", ""},
         {"\\a", "a", "a", "\\"},
-        {"\\", "", "", ""},
         {"a\\b\\", "", "", "a"},
         {"a\\\\b", "b", "b", "a"},
-        {"name.ext", "name.ext", "name", ""},
         {".hidden", ".hidden", "", ""},
-        {"", "", "", ""},
+        {"name.ext", "name.ext", "name", ""},
         {"\\\\server\\share\\f", "f", "f", "\\\\server\\share"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
-        const Str path(c.path);
-        EXPECT_STREQ(PathFileName(path).Text(), c.fileName);
-        EXPECT_STREQ(PathStem(path).Text(), c.stem);
-        EXPECT_STREQ(PathDirectory(path).Text(), c.directory);
+    for (const auto& [path, fileName, stem, directory] : cases) {
+        EXPECT_STREQ(PathFileName(Str(path)).Text(), fileName) << path;
+        EXPECT_STREQ(PathStem(Str(path)).Text(), stem) << path;
+        EXPECT_STREQ(PathDirectory(Str(path)).Text(), directory) << path;
     }
-
-    struct AppendCase {
-        const char* path;
-        const char* component;
-        const char* expected;
-    } appends[] = {
-        {"C:\\Program Files", "Korvanta", "C:\\Program Files\\Korvanta"},
-        {"C:\\", "Korvanta", "C:\\Korvanta"},
-        {"C:/x/", "y", "C:/x/y"},
-        {"a", "", "a\\"},
-        {"", "b", "b"},
-    };
-    for (const AppendCase& c : appends) {
-        SCOPED_TRACE(c.path);
-        Str path(c.path);
-        EXPECT_TRUE(AppendPathComponent(path, c.component));
-        EXPECT_STREQ(path.Text(), c.expected);
-    }
-    Str shared("C:\\x");
+    Str shared("C:\\"), empty;
     const Str copy = shared;
-    EXPECT_TRUE(AppendPathComponent(shared, "y"));
-    EXPECT_STREQ(copy.Text(), "C:\\x"); // a shared text is never changed
+    EXPECT_TRUE(AppendPathComponent(shared, "x") && AppendPathComponent(shared, "y"));
+    EXPECT_TRUE(AppendPathComponent(empty, "b"));
+    EXPECT_STREQ(copy.Text(), "C:\\"); // a shared text is never changed
+    EXPECT_STREQ(empty.Text(), "b");
     SetLastError(0);
     EXPECT_FALSE(AppendPathComponent(shared, nullptr));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
     EXPECT_STREQ(shared.Text(), "C:\\x\\y");
 }
 
-TEST(ToPlatformPath, LongPathSwitch) {
-    wchar_t current[MAX_PATH];
-    ASSERT_GT(GetCurrentDirectoryW(MAX_PATH, current), 2u);
-    const std::wstring drive(current, 2); // "X:"
-    struct Case {
-        const char* path;
-        std::wstring off;
-        std::wstring on;
-    } cases[] = {
-        {"C:\\a\\b", L"C:\\a\\b", L"\\\\?\\C:\\a\\b"},
-        {"C:/a/b", L"C:/a/b", L"\\\\?\\C:\\a\\b"},
-        {"C:\\a\\.\\b\\..\\c", L"C:\\a\\.\\b\\..\\c", L"\\\\?\\C:\\a\\c"},
-        {"\\a\\b", L"\\a\\b", L"\\\\?\\" + drive + L"\\a\\b"},
-        {"/a", L"/a", L"\\\\?\\" + drive + L"\\a"},
-        {"a\\b", L"a\\b", L"a\\b"},
-        {"C:a", L"C:a", L"C:a"},
-        {"\\\\server\\share\\x", L"\\\\server\\share\\x", L"\\\\server\\share\\x"},
-        {"//server/share", L"//server/share", L"//server/share"},
-        {"\\\\?\\C:\\x", L"\\\\?\\C:\\x", L"\\\\?\\C:\\x"},
-        {"\\", L"\\", L"\\"},
-        {"", L"", L""},
-        {"C:\\\xC3\xA4", L"C:\\\u00e4", L"\\\\?\\C:\\\u00e4"},
-    };
-    ASSERT_FALSE(LongPathsEnabled());
-    for (bool on : {false, true}) {
-        LongPathScope scope(on);
-        for (const Case& c : cases) {
-            SCOPED_TRACE(std::string(c.path) + (on ? " on" : " off"));
-            const WStr platform = ToPlatformPath(Str(c.path));
-            EXPECT_EQ(std::wstring(platform.Text(), platform.Length()), on ? c.on : c.off);
-        }
-    }
-    EXPECT_FALSE(LongPathsEnabled());
-}
-
-TEST(ToPlatformPath, LongPathsWork) {
-    ScratchDir dir(L"files-long");
-    LongPathScope scope(true);
-    std::wstring deep = dir.Path();
-    while (deep.size() < 400)
-        deep += L"\\" + std::wstring(60, L'd');
-    const Str directory = U8(deep);
-    ASSERT_TRUE(CreateDirectoryPath(directory, true, false)) << GetLastError();
-    Str file = directory;
-    ASSERT_TRUE(AppendPathComponent(file, "A.pending"));
-    Str moved = directory;
-    ASSERT_TRUE(AppendPathComponent(moved, "A.result"));
-    EXPECT_TRUE(CreateEmptyFile(file));
-    EXPECT_TRUE(FileExists(file));
-    Str pattern = directory;
-    ASSERT_TRUE(AppendPathComponent(pattern, "*.pending"));
-    const std::vector<Str> found = EnumerateFiles(pattern);
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_STREQ(found[0].Text(), "A.pending");
-    EXPECT_TRUE(MoveFilePath(file, moved, true));
-    EXPECT_FALSE(FileExists(file));
-    EXPECT_TRUE(DeleteFilePath(moved, true));
-    EXPECT_FALSE(FileExists(moved));
-}
-
-namespace {
-
-Str ShellFolder(int csidl) {
-    wchar_t buffer[MAX_PATH] = {};
-    if (!SHGetSpecialFolderPathW(nullptr, buffer, csidl, FALSE))
-        return Str();
-    return Str(Narrow(buffer).c_str());
-}
-
-// Runs the lookups on a fresh thread in the given apartment (-1: no COM).
-void LookUpOnThread(int apartment) {
-    std::thread worker([apartment] {
-        HRESULT initialised = S_FALSE;
-        if (apartment >= 0) {
-            ASSERT_EQ(CoInitializeEx(nullptr, apartment), S_OK);
-        }
-        struct {
-            uint32_t number;
-            int csidl;
-        } folders[] = {{22, CSIDL_COMMON_APPDATA}, {23, CSIDL_PROGRAM_FILES}};
-        for (const auto& f : folders) {
-            SCOPED_TRACE(f.number);
-            const Str found = GetWellKnownDirectory(f.number);
-            EXPECT_FALSE(found.IsEmpty());
-            EXPECT_STREQ(found.Text(), ShellFolder(f.csidl).Text());
-        }
-        SetLastError(0);
-        EXPECT_TRUE(GetWellKnownDirectory(7).IsEmpty());
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-        // The thread's apartment is as it was: the lookup balanced its own initialisation.
-        initialised = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-        if (apartment == COINIT_APARTMENTTHREADED) {
-            EXPECT_EQ(initialised, RPC_E_CHANGED_MODE);
-        } else {
-            EXPECT_EQ(initialised, apartment < 0 ? S_OK : S_FALSE);
-            CoUninitialize();
-        }
-        if (apartment >= 0)
-            CoUninitialize();
-    });
-    worker.join();
-}
-
-} // namespace
-
-TEST(GetWellKnownDirectory, MatchesShellFolders) {
-    EXPECT_STREQ(ShellFolder(CSIDL_COMMON_APPDATA).Text(), "C:\\ProgramData");
-    for (int apartment :
-         {-1, static_cast<int>(COINIT_MULTITHREADED), static_cast<int>(COINIT_APARTMENTTHREADED)}) {
+// The same folders as the shell's, from a thread without COM, in a multi-threaded
+// and in a single-threaded apartment, leaving the thread's apartment as it was.
+TEST(Files, GetWellKnownDirectoryMatchesShellFolders) {
+    for (int apartment : {-1, int(COINIT_MULTITHREADED), int(COINIT_APARTMENTTHREADED)}) {
         SCOPED_TRACE(apartment);
-        LookUpOnThread(apartment);
+        std::thread([apartment] {
+            if (apartment >= 0) {
+                ASSERT_EQ(CoInitializeEx(nullptr, apartment), S_OK);
+            }
+            for (const auto& [number, csidl] :
+                 {std::pair{22u, CSIDL_COMMON_APPDATA}, {23u, CSIDL_PROGRAM_FILES}}) {
+                wchar_t shell[MAX_PATH] = {};
+                ASSERT_TRUE(SHGetSpecialFolderPathW(nullptr, shell, csidl, FALSE));
+                EXPECT_EQ(Widen(GetWellKnownDirectory(number).Text()), shell) << number;
+            }
+            SetLastError(0);
+            EXPECT_TRUE(GetWellKnownDirectory(7).IsEmpty());
+            EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+            const HRESULT again = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+            if (apartment == COINIT_APARTMENTTHREADED) {
+                EXPECT_EQ(again, RPC_E_CHANGED_MODE);
+            } else {
+                EXPECT_EQ(again, apartment < 0 ? S_OK : S_FALSE);
+                CoUninitialize();
+            }
+            if (apartment >= 0)
+                CoUninitialize();
+        }).join();
     }
 }
