@@ -206,11 +206,12 @@ void ExecuteServiceStep() {
         if (ReadRegistryTextAt(url.keyPath.Text(), url.subkey.Text(), url.valueName).IsEmpty())
             return;
     }
-    if (GetWellKnownDirectory(kDirectoryCommonAppData).IsEmpty())
+    // The drop directory need not exist: enumeration then finds nothing.
+    const Str dropDirectory = GetDropDirectory();
+    if (dropDirectory.IsEmpty())
         return;
     const Str updateDirectory = GetUpdateDirectory();
-    const Str dropDirectory = GetDropDirectory();
-    if (updateDirectory.IsEmpty() || dropDirectory.IsEmpty())
+    if (updateDirectory.IsEmpty())
         return;
 
     RemoveMarkedInstallers(dropDirectory);
