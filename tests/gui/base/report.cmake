@@ -1,5 +1,5 @@
 kvt_add_test(report_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/report_test.cpp TIMEOUT 120)
-# Messages of a module come from the service's own message table.
+# The event-log check below runs the service executable.
 add_dependencies(report_test KorvantaCloudUS)
 
 # The trace pipe and the shared header word are common to the whole prefix: the
