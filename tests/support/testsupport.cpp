@@ -1,8 +1,10 @@
 #include "testsupport.h"
 
+#include "handles.h"
+
+#include <algorithm>
 #include <atomic>
 #include <thread>
-#include <vector>
 
 namespace testsupport {
 
@@ -13,23 +15,18 @@ std::wstring Env(const wchar_t* name) {
 }
 
 std::string Narrow(const std::wstring& text) {
-    if (text.empty())
-        return {};
-    const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                      nullptr, 0, nullptr, nullptr);
-    std::string out(n, '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n,
+    const int size = static_cast<int>(text.size());
+    std::string out(
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), size, nullptr, 0, nullptr, nullptr), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text.data(), size, out.data(), static_cast<int>(out.size()),
                         nullptr, nullptr);
     return out;
 }
 
 std::wstring Widen(const std::string& text) {
-    if (text.empty())
-        return {};
-    const int n =
-        MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring out(n, L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n);
+    const int size = static_cast<int>(text.size());
+    std::wstring out(MultiByteToWideChar(CP_UTF8, 0, text.data(), size, nullptr, 0), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, text.data(), size, out.data(), static_cast<int>(out.size()));
     return out;
 }
 
@@ -42,40 +39,26 @@ void Drain(HANDLE pipe, std::string* sink) {
         sink->append(buffer, got);
 }
 
-std::vector<wchar_t> BuildEnvironment(const std::wstring& extra) {
-    std::vector<wchar_t> block;
+// The current environment less the variables named in extra, then extra's entries
+// ("NAME=" alone removes the variable).
+std::wstring BuildEnvironment(const std::wstring& extra) {
+    const std::vector<std::string> items = SplitLines(Narrow(extra));
+    std::wstring block; // entries each with its null, and one more null at the end
     LPWCH current = GetEnvironmentStringsW();
     for (const wchar_t* p = current; *p; p += wcslen(p) + 1) {
-        std::wstring entry(p);
-        const size_t eq = entry.find(L'=', 1);
+        const std::string entry = Narrow(p), key = entry.substr(0, entry.find('=', 1) + 1);
         bool overridden = false;
-        size_t start = 0;
-        while (start < extra.size() && eq != std::wstring::npos) {
-            size_t end = extra.find(L'\n', start);
-            if (end == std::wstring::npos)
-                end = extra.size();
-            const std::wstring item = extra.substr(start, end - start);
-            if (_wcsnicmp(item.c_str(), entry.c_str(), eq + 1) == 0)
-                overridden = true;
-            start = end + 1;
-        }
+        for (const std::string& item : items)
+            overridden |= _strnicmp(item.c_str(), key.c_str(), key.size()) == 0;
         if (!overridden)
-            block.insert(block.end(), entry.c_str(), entry.c_str() + entry.size() + 1);
+            (block += p) += L'\0';
     }
     FreeEnvironmentStringsW(current);
-    size_t start = 0;
-    while (start < extra.size()) {
-        size_t end = extra.find(L'\n', start);
-        if (end == std::wstring::npos)
-            end = extra.size();
-        const std::wstring item = extra.substr(start, end - start);
-        // "NAME=" alone removes the variable.
-        if (!item.empty() && item.back() != L'=')
-            block.insert(block.end(), item.c_str(), item.c_str() + item.size() + 1);
-        start = end + 1;
+    for (const std::string& item : items) {
+        if (!item.empty() && item.back() != '=')
+            (block += Widen(item)) += L'\0';
     }
-    block.push_back(L'\0');
-    return block;
+    return block += L'\0';
 }
 
 } // namespace
@@ -84,57 +67,40 @@ ProcessResult RunProcess(const std::wstring& commandLine, const std::wstring& en
                          DWORD timeoutMs) {
     ProcessResult result;
     SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
-    HANDLE outRead, outWrite, errRead, errWrite;
-    if (!CreatePipe(&outRead, &outWrite, &sa, 0))
+    UniqueHandle outRead, outWrite, errRead, errWrite;
+    if (!CreatePipe(outRead.Put(), outWrite.Put(), &sa, 0) ||
+        !CreatePipe(errRead.Put(), errWrite.Put(), &sa, 0))
         return result;
-    if (!CreatePipe(&errRead, &errWrite, &sa, 0)) {
-        CloseHandle(outRead);
-        CloseHandle(outWrite);
-        return result;
-    }
-    SetHandleInformation(outRead, HANDLE_FLAG_INHERIT, 0);
-    SetHandleInformation(errRead, HANDLE_FLAG_INHERIT, 0);
+    SetHandleInformation(outRead.Get(), HANDLE_FLAG_INHERIT, 0);
+    SetHandleInformation(errRead.Get(), HANDLE_FLAG_INHERIT, 0);
     STARTUPINFOW si{};
     si.cb = sizeof si;
     si.dwFlags = STARTF_USESTDHANDLES;
     si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    si.hStdOutput = outWrite;
-    si.hStdError = errWrite;
+    si.hStdOutput = outWrite.Get();
+    si.hStdError = errWrite.Get();
     PROCESS_INFORMATION pi{};
-    std::vector<wchar_t> cmd(commandLine.begin(), commandLine.end());
-    cmd.push_back(L'\0');
-    std::vector<wchar_t> env;
-    if (!environment.empty())
-        env = BuildEnvironment(environment);
-    result.started =
-        CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
-                       env.empty() ? nullptr : env.data(), nullptr, &si, &pi) != FALSE;
-    CloseHandle(outWrite);
-    CloseHandle(errWrite);
+    std::wstring env = environment.empty() ? L"" : BuildEnvironment(environment);
+    result.started = CreateProcessW(nullptr, std::wstring(commandLine).data(), nullptr, nullptr,
+                                    TRUE, CREATE_UNICODE_ENVIRONMENT,
+                                    env.empty() ? nullptr : env.data(), nullptr, &si, &pi) != FALSE;
+    outWrite.Reset(); // else the reads below never end
+    errWrite.Reset();
     if (result.started) {
-        std::thread errThread(Drain, errRead, &result.err);
-        Drain(outRead, &result.out);
+        const UniqueHandle process(pi.hProcess), thread(pi.hThread);
+        std::thread errThread(Drain, errRead.Get(), &result.err);
+        Drain(outRead.Get(), &result.out);
         errThread.join();
         if (WaitForSingleObject(pi.hProcess, timeoutMs) != WAIT_OBJECT_0)
             TerminateProcess(pi.hProcess, 999);
         GetExitCodeProcess(pi.hProcess, &result.exitCode);
-        CloseHandle(pi.hThread);
-        CloseHandle(pi.hProcess);
     }
-    CloseHandle(outRead);
-    CloseHandle(errRead);
     return result;
 }
 
 ScratchDir::ScratchDir(const std::wstring& tag) {
     static std::atomic<unsigned> serial{0};
-    std::wstring base = Env(L"KVT_BUILD_DIR");
-    if (base.empty()) {
-        wchar_t temp[MAX_PATH];
-        GetTempPathW(MAX_PATH, temp);
-        base = temp;
-    }
-    base += L"\\scratch";
+    const std::wstring base = Env(L"KVT_BUILD_DIR") + L"\\scratch"; // ctest always sets it
     CreateDirectoryW(base.c_str(), nullptr);
     m_path = base + L"\\" + tag + L"-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
              std::to_wstring(serial++);
@@ -148,50 +114,37 @@ ScratchDir::~ScratchDir() {
 
 void RemoveTree(const std::wstring& path) {
     WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW((path + L"\\*").c_str(), &data);
-    if (find != INVALID_HANDLE_VALUE) {
-        do {
-            const std::wstring name = data.cFileName;
-            if (name == L"." || name == L"..")
-                continue;
-            const std::wstring child = path + L"\\" + name;
-            if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-                RemoveTree(child);
-            } else {
-                SetFileAttributesW(child.c_str(), FILE_ATTRIBUTE_NORMAL);
-                DeleteFileW(child.c_str());
-            }
-        } while (FindNextFileW(find, &data));
-        FindClose(find);
+    UniqueFind find(FindFirstFileW((path + L"\\*").c_str(), &data));
+    for (bool more = find.Valid(); more; more = FindNextFileW(find.Get(), &data)) {
+        const std::wstring name = data.cFileName, child = path + L"\\" + name;
+        if (name == L"." || name == L"..")
+            continue;
+        if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+            RemoveTree(child);
+        } else {
+            SetFileAttributesW(child.c_str(), FILE_ATTRIBUTE_NORMAL);
+            DeleteFileW(child.c_str());
+        }
     }
+    find.Reset();
     RemoveDirectoryW(path.c_str());
 }
 
 bool WriteFileBytes(const std::wstring& path, const std::string& bytes) {
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
-        return false;
+    const UniqueFile file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
     DWORD written = 0;
-    const bool ok =
-        WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
-        written == bytes.size();
-    CloseHandle(file);
-    return ok;
+    return file && WriteFile(file.Get(), bytes.data(), DWORD(bytes.size()), &written, nullptr) &&
+           written == bytes.size();
 }
 
 bool ReadFileBytes(const std::wstring& path, std::string& bytes) {
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
-        return false;
+    const UniqueFile file(CreateFileW(path.c_str(), GENERIC_READ,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
     bytes.clear();
-    char buffer[4096];
-    DWORD got = 0;
-    while (ReadFile(file, buffer, sizeof buffer, &got, nullptr) && got > 0)
-        bytes.append(buffer, got);
-    CloseHandle(file);
-    return true;
+    Drain(file.Get(), &bytes); // reads nothing from an invalid handle
+    return file.Valid();
 }
 
 bool PathExists(const std::wstring& path) {
@@ -200,26 +153,18 @@ bool PathExists(const std::wstring& path) {
 
 bool WaitForPath(const std::wstring& path, DWORD timeoutMs) {
     const ULONGLONG deadline = GetTickCount64() + timeoutMs;
-    while (!PathExists(path)) {
-        if (GetTickCount64() > deadline)
-            return false;
+    while (!PathExists(path) && GetTickCount64() <= deadline)
         Sleep(100);
-    }
-    return true;
+    return PathExists(path);
 }
 
 std::vector<std::string> SplitLines(const std::string& text) {
     std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos)
-            end = text.size();
-        std::string line = text.substr(start, end - start);
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        lines.push_back(line);
-        start = end + 1;
+    for (size_t start = 0, end; start < text.size(); start = end + 1) {
+        end = std::min(text.find('\n', start), text.size());
+        lines.push_back(text.substr(start, end - start));
+        if (!lines.back().empty() && lines.back().back() == '\r')
+            lines.back().pop_back();
     }
     return lines;
 }
@@ -227,9 +172,9 @@ std::vector<std::string> SplitLines(const std::string& text) {
 std::wstring ReadRegistryString(HKEY root, const wchar_t* key, const wchar_t* value) {
     wchar_t text[1024] = {};
     DWORD bytes = sizeof text;
-    if (RegGetValueW(root, key, value, RRF_RT_REG_SZ, nullptr, text, &bytes) != ERROR_SUCCESS)
-        return L"";
-    return text;
+    return RegGetValueW(root, key, value, RRF_RT_REG_SZ, nullptr, text, &bytes) == ERROR_SUCCESS
+               ? text
+               : L"";
 }
 
 } // namespace testsupport

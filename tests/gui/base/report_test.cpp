@@ -1,10 +1,9 @@
-// Reporting. The program re-invokes itself with "--report-child <mode>" where a process
-// of its own is needed: the log type and the shared header word are read once.
+// Reporting. The program re-invokes itself with "--report-child" where a process
+// of its own is needed: the log type is read once.
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
-#include <cerrno>
 #include <cstring>
 #include <deque>
 #include <functional>
@@ -78,16 +77,12 @@ TEST_F(Report, LineEndsLettersAndColumns) {
                    const char *text, *expected; } cases[] = {
         {0x60, 4096, 32, "x", 7, "a\r\nb", "EW|x|....7: a\nEW|x|....7: b"},
         {0, 4096, 32, "x", 7, "a\rb\nc", "EW: a\nEW: b\nEW: c"}, {0, 4096, 32, "x", 7, "", "EW: "},
-        {0, 4096, 32, "x", 7, "a\n\rb", "EW: a\nEW: \nEW: b"},
         {0, 4096, 32, "x", 7, "a\r\n\r\nb", "EW: a\nEW: \nEW: b"},
-        {0, 4096, 32, "x", 7, "\nb", "EW: \nEW: b"}, {0x1000, 4096, 32, "x", 7, "m", ": m"},
-        {0xF000, 4096, 32, "x", 7, "m", "m"}, {0xF060, 4096, 32, "x", 7, "m", "|x|....7: m"},
-        {0, 8192, 1, "x", 7, "m", "TT: m"},   {0, 12288, 2, "x", 7, "m", "FX: m"},
-        {0, 16384, 4, "x", 7, "m", "KM: m"},  {0, 20480, 8, "x", 7, "m", "CS: m"},
+        {0x1000, 4096, 32, "x", 7, "m", ": m"}, {0xF000, 4096, 32, "x", 7, "m", "m"},
+        {0xF060, 4096, 32, "x", 7, "m", "|x|....7: m"},
+        {0, 8192, 1, "x", 7, "m", "TT: m"},   {0, 16384, 4, "x", 7, "m", "KM: m"},
         {0, 24576, 16, "x", 7, "m", "IA: m"}, {0, 4097, 64, "x", 7, "m", "EE: m"},
-        {0x40, 4096, 32, "x", 42, "m", "EW|...42: m"},
-        {0x40, 4096, 32, "x", 123456, "m", "EW|123456: m"},
-        {0x40, 4096, 32, nullptr, 7, "m", "EW: m"}, {0x60, 4096, 32, nullptr, 7, "m", "EW|: m"},
+        {0x40, 4096, 32, "x", 123456, "m", "EW|123456: m"}, {0x60, 4096, 32, 0, 7, "m", "EW|: m"},
     };
     // clang-format on
     for (const auto& c : cases) {
@@ -108,6 +103,8 @@ TEST_F(Report, LongLinesAreCutBetweenCharacters) {
                 for (texts.push_back(std::string(offset, 'a')); texts.back().size() < 2100;)
                     texts.back() += character;
         for (const std::string& text : texts) {
+            SCOPED_TRACE(testing::Message()
+                         << "header " << header.size() << ", text " << text.size());
             WriteReport(4096, 32, file.c_str(), 0, text.c_str());
             std::string joined;
             for (const std::string& line : std::exchange(s_lines, {})) {
@@ -120,9 +117,9 @@ TEST_F(Report, LongLinesAreCutBetweenCharacters) {
                     ++width;
                 ASSERT_TRUE(at == text.size() ||
                             ((text[at] & 0xC0) != 0x80 && line.size() + width > 1024))
-                    << "header " << header.size() << ", text " << text.size() << ", cut at " << at;
+                    << at;
             }
-            EXPECT_TRUE(joined == text) << "header " << header.size() << ", text " << text.size();
+            EXPECT_TRUE(joined == text);
         }
     }
     // A header of 1,023 bytes leaves one byte a line; a longer one drops the report.
@@ -140,8 +137,8 @@ TEST_F(Report, SeverityMaskSuppressionAndSwitch) {
         {4095, 0, 4, false, false}}; // reporting switched off
     // clang-format on
     for (const auto& c : cases) {
-        GetThreadReportState()->severityMask = c.mask;
-        GetThreadReportState()->suppressCount = c.suppress;
+        *GetThreadReportState() =
+            ThreadReportState{.suppressCount = c.suppress, .severityMask = c.mask};
         SetReportingEnabled(c.enabled);
         WriteReportF(4096, c.severity, "f", 2, "%s", "f");
         ReportAndConfirm(4096, c.severity, "f", 4, "c"); // a line and a box
@@ -178,35 +175,6 @@ TEST_F(Report, EveryEntryPointKeepsTheCallersLastError) {
                   "SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\KvtKept");
 }
 
-TEST_F(Report, SystemErrorTexts) {
-    // The platform's own text, trimmed and on one line.
-    const std::regex edges("^\\s+|\\s+$"), breaks("[\r\n]+");
-    for (DWORD code = 0; code < 16000; ++code) {
-        wchar_t* buffer = nullptr;
-        const DWORD n =
-            FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
-                               FORMAT_MESSAGE_IGNORE_INSERTS,
-                           nullptr, code, 0, reinterpret_cast<LPWSTR>(&buffer), 0, nullptr);
-        std::string text = Narrow(std::wstring(buffer != nullptr ? buffer : L"", n));
-        LocalFree(buffer);
-        text = std::regex_replace(std::regex_replace(text, edges, ""), breaks, " ");
-        ASSERT_EQ(SystemErrorText(code).Text(), text);
-        text += StrFormat(" (0x%08lX/%lu)", code, code).Text();
-        ASSERT_EQ(FormatSystemError(code).Text(), text[0] == ' ' ? "Unknown error" + text : text);
-    }
-    EXPECT_STREQ(FormatSystemError(0xFFFFFFFF).Text(), "Unknown error (0xFFFFFFFF/4294967295)");
-    // ReportWithSystemError: the last error, or errno when that is 0, after the last line.
-    Flags(0);
-    for (auto [lastError, runtimeError, shown] :
-         {std::tuple<DWORD, int, DWORD>{5, ENOENT, 5}, {0, ENOENT, ENOENT}, {0, 0, 0}}) {
-        errno = runtimeError;
-        SetLastError(lastError);
-        ReportWithSystemError(4096, 32, nullptr, 0, "first\nopening");
-        EXPECT_EQ(Take(s_lines),
-                  std::string("EW: first\nEW: opening: ") + FormatSystemError(shown).Text());
-    }
-}
-
 TEST_F(Report, ConfirmBoxesShiftControlAndCancel) {
     static const char fileA[] = "same", fileB[] = "same"; // another pointer, the same text
     const std::pair<const char*, uint32_t> sites[] = {
@@ -240,47 +208,12 @@ TEST_F(Report, ConfirmBoxesShiftControlAndCancel) {
     }
 }
 
-TEST_F(Report, EventTextAndItsEchoByLevel) {
-    const EventValue values[] = {{"bytes", Str("12"), true}, {"name", Str("x y"), false}};
-    // clang-format off
-    const struct { const char* source; uint32_t number; EventDescriptor event;
-                   uint32_t level, category; const char* lines; } cases[] = {
-        {"Setup", 12, {"Install %1 of %2", {"A", "B"}}, 2, 0,
-         "EX: ReportEvent: Setup-00012: Install A of B"},
-        {"S", 12, {"%1|%2|%3|%4|%5|%0|%", {"one", nullptr, "three"}}, 2, 0,
-         "EX: ReportEvent: S-00012: one|<unknown>|three|<unknown>|%5|%0|%"},
-        {"S", 1, {"%1%1", {"%2"}}, 2, 0, "EX: ReportEvent: S-00001: %2%2"},
-        {"S", 0, {"t"}, 9, 0, "EX: ReportEvent: t"}, {"", 12, {"t"}, 2, 0, "EX: ReportEvent: t"},
-        {"S", 123456, {"t"}, 3, 0, "EX: ReportEvent: S-123456: t"},
-        {"S", 3, {"a\nb\r\n\r\nc"}, 1, 0, "EW: ReportEvent: S-00003: a\nEX:   b\nEX:   c"},
-        {"S", 4, {"bad", {}, values, 2}, 0, 2,
-         "EM: ReportEvent: S-00004: bad\nEX:   bytes: 12\nEX:   name: x y"},
-        {"S", 3, {"quiet", {}, values, 2}, 0, 3, ""}, // category 3: no echo
-    };
-    // clang-format on
-    Flags(0);
-    for (const auto& c : cases) {
-        EXPECT_TRUE(
-            ReportEvent(Str(c.source), c.number, c.event, false, c.level, c.category, false));
-        EXPECT_EQ(Take(s_lines), c.lines);
-        // Only an echoed error asks, with its first line.
-        const std::string first = std::string(c.lines).substr(0, std::string(c.lines).find('\n'));
-        EXPECT_EQ(Take(s_boxes), first.rfind("EM: ", 0) == 0 ? first.substr(4) : "");
-    }
-    ReportLibraryError("gui\\s", 321, 1, "failed", values, 1);
-    EXPECT_EQ(Take(s_lines), "EM: ReportEvent: QELGUI-00001: failed\nEX:   bytes: 12\n"
-                             "EX:   file: gui\\s\nEX:   line: 321");
-}
-
-// Child processes
-
-ProcessResult Child(const std::wstring& logType, const std::wstring& mode) {
-    return RunProcess(L"\"" + SelfPath() + L"\" --report-child " + mode, L"LOGTYPE=" + logType);
+ProcessResult Child(const std::wstring& logType) {
+    return RunProcess(L"\"" + SelfPath() + L"\" --report-child", L"LOGTYPE=" + logType);
 }
 
 TEST(ReportChild, LogTypeChoosesWhereTheRecordsGo) {
-    const ProcessResult runs[] = {Child(L"", L"events"), Child(L"STDOUT", L"events"),
-                                  Child(L"StdErr", L"events"), Child(L"bogus", L"events")};
+    const ProcessResult runs[] = {Child(L""), Child(L"STDOUT"), Child(L"StdErr"), Child(L"bogus")};
     const std::string unknown = "GetLogType: Unknown type \\[bogus\\]\r";
     for (size_t type = 0; type < 4; ++type) {
         const ProcessResult& r = runs[type];
@@ -309,8 +242,7 @@ TEST(ReportChild, LogTypeChoosesWhereTheRecordsGo) {
         << runs[1].out;
 }
 
-// The trace pipe and the shared word are common to the prefix: these run alone.
-
+// The trace pipe is common to the prefix: this runs alone.
 class SharedTrace : public Report {};
 
 TEST_F(SharedTrace, ViewerPipeTakesTheLineAndNothingElseDoes) {
@@ -340,39 +272,16 @@ TEST_F(SharedTrace, ViewerPipeTakesTheLineAndNothingElseDoes) {
     EXPECT_EQ(s_debug, Lines{"EX: " + tag + "b\r\n"});
 }
 
-TEST_F(SharedTrace, SharedWordChoosesTheColumnsOfEveryProcess) {
-    GetSharedHeaderFlags(); // the map exists from here on
-    HANDLE map = OpenFileMappingA(FILE_MAP_WRITE | FILE_MAP_READ, FALSE, "ZemTraceMap");
-    auto* word = static_cast<volatile uint32_t*>(MapViewOfFile(map, FILE_MAP_WRITE, 0, 0, 4));
-    ASSERT_NE(word, nullptr);
-    EXPECT_EQ(*word, 7u);
-    *word = 0x67;
-    WriteReport(4096, 2, "x", 7, "shared");
-    const ProcessResult child = Child(L"", L"header");
-    *word = 7;
-    UnmapViewOfFile(const_cast<uint32_t*>(word));
-    CloseHandle(map);
-    const std::string columns = "EX\\|0x[0-9a-fA-F]+\\|0x[0-9a-fA-F]+\\|report_test\\|";
-    EXPECT_TRUE(std::regex_match(Take(s_lines), std::regex(columns + "x\\|\\.\\.\\.\\.7: shared")));
-    EXPECT_TRUE(
-        std::regex_search(child.out, std::regex("#LINE " + columns + "c\\|\\.\\.\\.42: c\r")))
-        << child.out;
-}
-
-int RunChild(const std::string& mode) {
+// The child: two events, then what they returned and the log type.
+int RunChild() {
     s_printBoxes = true;
     SetTraceHook([](const char* line, uint32_t) { return printf("#LINE %s\n", line), true; });
-    if (mode == "events") {
-        Flags(0);
-        const EventValue values[] = {{"bytes", Str("12"), true}, {"bad", Str("12abc"), true}};
-        const EventDescriptor first{"Install %1 of %2 (%3)", {"A", "B"}, values, 2},
-            second{"level 0"};
-        const bool a = ReportEvent(Str("Setup"), 12, first, true, kLevelInfo, 0, false);
-        const bool b = ReportEvent(Str("S"), 2, second, false, kLevelErr, 0, false);
-        printf("#PID %lu\n#RESULT %d%d %u\n", GetCurrentProcessId(), a, b, unsigned(GetLogType()));
-    } else if (mode == "header") {
-        WriteReport(4096, 2, "c", 42, "c");
-    }
+    Flags(0);
+    const EventValue values[] = {{"bytes", Str("12"), true}, {"bad", Str("12abc"), true}};
+    const EventDescriptor first{"Install %1 of %2 (%3)", {"A", "B"}, values, 2}, second{"level 0"};
+    const bool a = ReportEvent(Str("Setup"), 12, first, true, kLevelInfo, 0, false);
+    const bool b = ReportEvent(Str("S"), 2, second, false, kLevelErr, 0, false);
+    printf("#PID %lu\n#RESULT %d%d %u\n", GetCurrentProcessId(), a, b, unsigned(GetLogType()));
     return 0;
 }
 
@@ -382,8 +291,8 @@ int main(int argc, char** argv) {
     const std::wstring self = SelfPath();
     SetModulePath(Str::FromUtf16(self.c_str(), static_cast<uint32_t>(self.size())));
     SetReportBoxHook(ScriptedBox); // no test waits on a real box
-    if (argc >= 3 && strcmp(argv[1], "--report-child") == 0)
-        return RunChild(argv[2]);
+    if (argc >= 2 && strcmp(argv[1], "--report-child") == 0)
+        return RunChild();
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
