@@ -2,6 +2,8 @@
 // Run by hand: <builddir>/wine-run <builddir>/bench/json_bench.exe
 #include <windows.h>
 
+#include "benchclock.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -25,21 +27,6 @@ std::string Repeat(const char* piece, size_t bytes) {
         --cut;
     text.resize(cut);
     return text;
-}
-
-double Seconds(const LARGE_INTEGER& from, const LARGE_INTEGER& to, const LARGE_INTEGER& rate) {
-    return static_cast<double>(to.QuadPart - from.QuadPart) / static_cast<double>(rate.QuadPart);
-}
-
-// The thread's user and kernel time: the machine may be busy with other work.
-double CpuSeconds() {
-    FILETIME created, exited, kernel, user;
-    GetThreadTimes(GetCurrentThread(), &created, &exited, &kernel, &user);
-    auto ticks = [](const FILETIME& t) {
-        return static_cast<double>((static_cast<uint64_t>(t.dwHighDateTime) << 32) |
-                                   t.dwLowDateTime);
-    };
-    return (ticks(kernel) + ticks(user)) / 1e7;
 }
 
 bool Measure(const char* name, const std::string& text) {

@@ -6,6 +6,8 @@
 // Run by hand: <builddir>/wine-run <builddir>/bench/report_bench.exe
 #include <windows.h>
 
+#include "benchclock.h"
+
 #include <cstdint>
 #include <cstdio>
 
@@ -18,21 +20,6 @@ constexpr double kSecondsPerCase = 1.5;
 
 bool Swallow(const char*, uint32_t) {
     return true;
-}
-
-double Seconds(const LARGE_INTEGER& from, const LARGE_INTEGER& to, const LARGE_INTEGER& rate) {
-    return static_cast<double>(to.QuadPart - from.QuadPart) / static_cast<double>(rate.QuadPart);
-}
-
-// The thread's user and kernel time: the machine may be busy with other work.
-double CpuSeconds() {
-    FILETIME created, exited, kernel, user;
-    GetThreadTimes(GetCurrentThread(), &created, &exited, &kernel, &user);
-    auto ticks = [](const FILETIME& t) {
-        return static_cast<double>((static_cast<uint64_t>(t.dwHighDateTime) << 32) |
-                                   t.dwLowDateTime);
-    };
-    return (ticks(kernel) + ticks(user)) / 1e7;
 }
 
 void Measure(const char* name, int32_t severity) {
