@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "private/reportstate.h"
 #include "report.h"
 #include "trace.h"
 

@@ -18,6 +18,7 @@
 
 #include "files.h"
 #include "process.h"
+#include "seams.h"
 #include "servicestep.h"
 
 namespace {
@@ -205,8 +206,10 @@ int wmain(int argc, wchar_t** argv) {
         }
         requests.push_back({L"request-" + std::to_wstring(i), fixture});
     }
-    SetStartCommandHook(
-        [](const Str&) { return StartCommand(Str("cmd.exe /c exit 0"), nullptr, true, true); });
+    static const QueueSeams standIn = {
+        nullptr, nullptr, nullptr,
+        [](const Str&) { return StartCommand(Str("cmd.exe /c exit 0"), nullptr, true, true); }};
+    SetQueueSeamsForTesting(&standIn);
 
     const std::wstring drop = Wide(GetDropDirectory());
     const std::wstring update = Wide(GetUpdateDirectory());

@@ -11,12 +11,6 @@ namespace testsupport {
 
 namespace {
 
-void CloseStore(HCERTSTORE store) {
-    CertCloseStore(store, 0);
-}
-KVT_HANDLE_TRAITS(CertStore, HCERTSTORE, nullptr, CloseStore);
-using UniqueCertStore = UniqueAny<CertStore>;
-
 // The Unix path of a Windows path through Wine's own mapping; "" elsewhere.
 std::wstring UnixPath(const std::wstring& path) {
     using Function = char*(CDECL*)(LPCWSTR);

@@ -5,4 +5,4 @@ target_link_libraries(kvt_svcctl PRIVATE kvt_strict)
 
 add_executable(kvt_trustca ${CMAKE_CURRENT_LIST_DIR}/trustca.cpp)
 target_link_options(kvt_trustca PRIVATE -municode)
-target_link_libraries(kvt_trustca PRIVATE kvt_strict crypt32)
+target_link_libraries(kvt_trustca PRIVATE qelbase kvt_strict)

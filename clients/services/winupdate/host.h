@@ -9,6 +9,8 @@
 #include "str.h"
 
 inline constexpr size_t kServiceTextLimit = 255;
+// Without pushes the queue is polled once a minute.
+inline constexpr DWORD kPollIntervalMs = 60000;
 
 // Names derived from the running executable and the product constants.
 std::wstring GetModulePath();
@@ -49,19 +51,11 @@ struct ServiceContext {
     HANDLE events[5] = {};
     DWORD pendingState[5] = {SERVICE_START_PENDING, SERVICE_PAUSE_PENDING, SERVICE_CONTINUE_PENDING,
                              SERVICE_STOP_PENDING, 0};
-    void (*step)() = nullptr; // the processing pass
-    DWORD waitMs = 60000;     // the polling interval without pushes
+    void (*step)() = nullptr;       // the processing pass
+    DWORD waitMs = kPollIntervalMs; // the time-out of the wait
 };
 
 enum ServiceRequest : DWORD { kRequestStarted = 0, kRequestPause, kRequestContinue, kRequestStop };
-
-// Seams for tests that run the real loop: the pass and the wait time that each
-// new ServiceContext starts with. The product keeps ExecuteServiceStep and 60000 ms.
-struct ServiceSeams {
-    void (*step)();
-    DWORD waitMs;
-};
-extern ServiceSeams g_serviceSeams;
 
 void InitServiceContext(ServiceContext* context);
 bool CreateServiceContext(ServiceContext* context, const std::wstring& serviceName);

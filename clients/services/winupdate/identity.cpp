@@ -39,8 +39,7 @@ std::wstring ServiceNameFromPath(const std::wstring& modulePath) {
     if (dot != std::wstring::npos && dot != 0)
         name.resize(dot);
     Str narrow = Str::FromUtf16(name.c_str(), static_cast<uint32_t>(name.size()));
-    if (narrow.Block() != nullptr && Reference::Count(narrow.Block()) < 2)
-        UpperCaseUtf8(narrow.Block()->text);
+    UpperCaseUtf8(narrow.MutableText());
     return LimitServiceText(WideFromStr(narrow), std::wstring());
 }
 

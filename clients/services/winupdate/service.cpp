@@ -7,8 +7,15 @@
 #include "handles.h"
 #include "host.h"
 #include "report.h"
+#include "seams.h"
 
-ServiceSeams g_serviceSeams = {ExecuteServiceStep, 60000};
+namespace {
+SeamSlot<ServiceSeams> s_seams;
+}
+
+void SetServiceSeamsForTesting(const ServiceSeams* seams) {
+    s_seams.Set(seams);
+}
 
 // ---------------------------------------------------------------------------
 // Installation
@@ -88,8 +95,10 @@ HANDLE CreateMSIPushEvent() {
 
 void InitServiceContext(ServiceContext* context) {
     *context = ServiceContext();
-    context->step = g_serviceSeams.step;
-    context->waitMs = g_serviceSeams.waitMs;
+    const ServiceSeams* seams = s_seams.Get();
+    context->step = seams != nullptr && seams->step != nullptr ? seams->step : ExecuteServiceStep;
+    if (seams != nullptr && seams->waitMs != 0)
+        context->waitMs = seams->waitMs;
 }
 
 bool CreateServiceContext(ServiceContext* context, const std::wstring& serviceName) {

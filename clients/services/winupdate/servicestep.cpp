@@ -14,11 +14,16 @@
 #include "process.h"
 #include "registry.h"
 #include "report.h"
+#include "seams.h"
 #include "signature.h"
 
-QueueChecks g_queueChecks = {VerifyFileTrust, IsCompanySigned};
-
 namespace {
+
+SeamSlot<QueueSeams> s_seams;
+
+bool StartInstaller(const Str& commandLine) {
+    return StartCommand(commandLine);
+}
 
 const char kSourceFile[] = "clients\\services\\winupdate\\servicestep";
 const char kPolicyKey[] = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Policies\\Korvanta\\NativeClient";
@@ -43,9 +48,9 @@ void MarkForRemoval(const Str& package) {
 void WriteResultFile(const Str& path, uint32_t code) {
     const Str line = ResultLine(code);
     const WStr wide = ToPlatformPath(path);
-    UniqueFile file(CreateFileW(wide.Text(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                                CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN,
-                                nullptr));
+    UniqueHandle file(CreateFileW(wide.Text(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+                                  nullptr, CREATE_ALWAYS,
+                                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
     if (!file)
         return;
     DWORD written = 0;
@@ -53,14 +58,16 @@ void WriteResultFile(const Str& path, uint32_t code) {
 }
 
 uint32_t AnswerRequest(const Str& dropDirectory, const Str& updateDirectory, const Str& request) {
+    const auto verifyTrust = s_seams.Pick(&QueueSeams::verifyTrust, VerifyFileTrust);
+    const auto isCompanySigned = s_seams.Pick(&QueueSeams::isCompanySigned, IsCompanySigned);
     const Str package = SiblingPath(dropDirectory, PathStem(request), ".msi");
     Str working = package;
     uint32_t code;
     if (!FileExists(package)) {
         code = kResultNoPackage;
-    } else if (!g_queueChecks.verifyTrust(package)) {
+    } else if (!verifyTrust(package)) {
         code = kResultNotTrusted;
-    } else if (!g_queueChecks.isCompanySigned(package)) {
+    } else if (!isCompanySigned(package)) {
         code = kResultNotCompanySigned;
     } else {
         const Str moved = SecureInstallerFile(updateDirectory, package);
@@ -70,13 +77,15 @@ uint32_t AnswerRequest(const Str& dropDirectory, const Str& updateDirectory, con
             WriteInstallerRecord(moved);
             working = moved;
             // The moved copy is the file that gets installed: check it again.
-            if (!g_queueChecks.verifyTrust(moved))
+            if (!verifyTrust(moved))
                 code = kResultMovedNotTrusted;
-            else if (!g_queueChecks.isCompanySigned(moved))
+            else if (!isCompanySigned(moved))
                 code = kResultMovedNotCompanySigned;
             else
-                code =
-                    StartCommand(InstallerCommandLine(moved)) ? kResultStarted : kResultNotStarted;
+                code = s_seams.Pick(&QueueSeams::startInstaller,
+                                    StartInstaller)(InstallerCommandLine(moved))
+                           ? kResultStarted
+                           : kResultNotStarted;
         }
     }
     if (code != kResultStarted && !DeleteFilePath(working, false))
@@ -85,6 +94,10 @@ uint32_t AnswerRequest(const Str& dropDirectory, const Str& updateDirectory, con
 }
 
 } // namespace
+
+void SetQueueSeamsForTesting(const QueueSeams* seams) {
+    s_seams.Set(seams);
+}
 
 Str GetDropDirectory() {
     Str directory = GetWellKnownDirectory(kDirectoryCommonAppData);
@@ -182,11 +195,12 @@ Str SecureInstallerFile(const Str& updateDirectory, const Str& package) {
             AllocateAndInitializeSid(&nt, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS,
                                      0, 0, 0, 0, 0, 0, administrators.Put())) {
             WStr wide = ToPlatformPath(target);
-            const DWORD status = SetNamedSecurityInfoW(
-                wide.MutableText(), SE_FILE_OBJECT,
-                OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION |
-                    DACL_SECURITY_INFORMATION | UNPROTECTED_DACL_SECURITY_INFORMATION,
-                administrators.Get(), administrators.Get(), acl, nullptr);
+            const DWORD status =
+                s_seams.Pick(&QueueSeams::setNamedSecurityInfo, &SetNamedSecurityInfoW)(
+                    wide.MutableText(), SE_FILE_OBJECT,
+                    OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION |
+                        DACL_SECURITY_INFORMATION | UNPROTECTED_DACL_SECURITY_INFORMATION,
+                    administrators.Get(), administrators.Get(), acl, nullptr);
             if (status == ERROR_SUCCESS)
                 result = target;
             else

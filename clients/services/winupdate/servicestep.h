@@ -47,11 +47,3 @@ Str ResultLine(uint32_t code);
 void RemoveMarkedInstallers(const Str& directory);
 Str SecureInstallerFile(const Str& updateDirectory, const Str& package);
 void ExecuteServiceStep();
-
-// Seams for tests: the two checks the pass makes (VerifyFileTrust and
-// IsCompanySigned by default), so a test can fail the second check of a moved copy.
-struct QueueChecks {
-    bool (*verifyTrust)(const Str& path);
-    bool (*isCompanySigned)(const Str& path);
-};
-extern QueueChecks g_queueChecks;

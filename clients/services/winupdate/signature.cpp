@@ -19,9 +19,6 @@ constexpr char kOidOrganizationalUnitName[] = "2.5.4.11";
 static_assert(sizeof(WINTRUST_FILE_INFO) == 32, "WINTRUST_FILE_INFO must be 32 bytes");
 static_assert(sizeof(WINTRUST_DATA) == 80, "WINTRUST_DATA must be 80 bytes");
 
-KVT_HANDLE_TRAITS(CertificateContext, PCCERT_CONTEXT, nullptr, CertFreeCertificateContext);
-using UniqueCertificate = UniqueAny<CertificateContext>;
-
 bool IsCompanyName(const WStr& name) {
     return name.Length() == kCompanyNameLength &&
            wmemcmp(name.Text(), kCompanyName, kCompanyNameLength) == 0;

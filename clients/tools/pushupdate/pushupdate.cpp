@@ -314,8 +314,8 @@ bool ReadResultText(const Str& path, Str& text) {
     const WStr platform = ToPlatformPath(path);
     if (platform.IsEmpty())
         return false;
-    UniqueFile file(CreateFileW(platform.Text(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    UniqueHandle file(CreateFileW(platform.Text(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file)
         return false;
     char buffer[512];

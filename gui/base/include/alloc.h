@@ -6,7 +6,3 @@
 
 void* AllocParticle(size_t bytes);
 void FreeParticle(size_t bytes, void* pointer);
-
-// Test seam: when set and returning true for a request, that allocation fails.
-using AllocFailureHook = bool (*)(size_t bytes);
-void SetAllocFailureHook(AllocFailureHook hook);

@@ -87,11 +87,3 @@ inline constexpr uint32_t kDirectoryCommonAppData = 22; // CSIDL_COMMON_APPDATA
 inline constexpr uint32_t kDirectoryProgramFiles = 23;  // CSIDL_PROGRAM_FILES
 // The folder's path, empty on failure or for a number without a folder.
 Str GetWellKnownDirectory(uint32_t number);
-
-// For tests: replaces the platform's MoveFileExW and MoveFileW as used by
-// MoveFilePath, so that its fallbacks can be exercised; null restores them.
-struct FileMoveFunctions {
-    BOOL(WINAPI* moveFileEx)(LPCWSTR source, LPCWSTR destination, DWORD flags);
-    BOOL(WINAPI* moveFile)(LPCWSTR source, LPCWSTR destination);
-};
-void SetFileMoveFunctionsForTesting(const FileMoveFunctions* functions);

@@ -23,10 +23,5 @@ uint32_t StartCommand(const Str& commandLine, const char* workingDirectory, bool
 // The same without the handle: true when a process was created.
 bool StartCommand(const Str& commandLine, const char* workingDirectory, bool show, bool foreground);
 // The caller's working directory, shown and in the foreground: true when a
-// process was created. Goes through the start hook when one is set.
+// process was created.
 bool StartCommand(const Str& commandLine);
-
-// Process-wide replacement for the one-argument StartCommand (tests make the
-// start fail with it); null (the default) restores the real start.
-using StartCommandFunction = bool (*)(const Str& commandLine);
-void SetStartCommandHook(StartCommandFunction hook);

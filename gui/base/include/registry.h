@@ -95,7 +95,7 @@ inline void CloseRegistryKey(HKEY key) {
     if (!IsPredefinedRegistryKey(key))
         RegCloseKey(key);
 }
-KVT_HANDLE_TRAITS(RegistryKey, HKEY, nullptr, CloseRegistryKey);
+KVT_HANDLE_TRAITS(RegistryKey, HKEY, CloseRegistryKey);
 } // namespace handles_detail
 
 // Owns an open registry key; closing keeps the thread's last error. Predefined

@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdint>
 
+#include "handles.h"
 #include "str.h"
 
 // Report categories; the base library and the service always pass kCategoryBase.
@@ -38,25 +39,6 @@ inline constexpr size_t kReportLineLimit = 1024;
 
 enum class LogType : uint32_t { System = 0, Stdout = 1, Stderr = 2 };
 
-// Per-thread report state, created on first use.
-struct ThreadReportState {
-    uint32_t suppressCount = 0;
-    uint32_t severityMask = 4095;
-    bool headerFlagsOverride = false;
-    uint32_t headerFlags = 0;
-    uint32_t indent = 0;
-    uint64_t highestStack = 0;
-    uint32_t inDialog = 0;
-    bool neverAsk = false;
-    bool inPipeStep = false;
-    struct Site {
-        const char* file;
-        uint32_t line;
-    } silenced[128] = {};
-    uint32_t silencedCount = 0;
-};
-ThreadReportState* GetThreadReportState();
-
 void WriteReport(uint32_t category, int32_t severity, const char* sourceFile, uint32_t line,
                  const char* message);
 void WriteReportF(uint32_t category, int32_t severity, const char* sourceFile, uint32_t line,
@@ -73,11 +55,6 @@ void SetInteractionAllowed(bool processAllows, bool userAllows);
 // Shows a message box on a thread of its own; closes it after about ten seconds.
 // Returns the button (0 when it had to be closed) and the Shift/Control state.
 int MessageBoxThread(const char* text, uint32_t type, bool* outShift, bool* outControl);
-// Test seam: replaces the message box itself (not the thread, the wait or the
-// time-out), so that a test can answer it; null restores MessageBoxA.
-using ReportBoxHook = int (*)(const char* text, const char* caption, uint32_t style, bool* shift,
-                              bool* control);
-void SetReportBoxHook(ReportBoxHook hook);
 
 // One named value of an event record.
 struct EventValue {
@@ -130,16 +107,3 @@ struct DiagnosticCatalogue {
 };
 DiagnosticCatalogue* GetDiagnosticCatalogue();
 void FireDiagnosticEvent(uint32_t id, uint32_t phase, const char* const* fields, uint32_t count);
-
-// Keeps the thread's last error across a scope.
-class LastErrorKeeper {
-  public:
-    LastErrorKeeper() : m_error(GetLastError()) {}
-    ~LastErrorKeeper() { SetLastError(m_error); }
-    LastErrorKeeper(const LastErrorKeeper&) = delete;
-    LastErrorKeeper& operator=(const LastErrorKeeper&) = delete;
-    DWORD Saved() const { return m_error; }
-
-  private:
-    DWORD m_error;
-};

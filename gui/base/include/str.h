@@ -1,55 +1,12 @@
 // Reference-counted, immutable-when-shared strings: Str holds UTF-8 bytes,
-// WStr holds UTF-16 units for the platform's wide interfaces.
-//
-// A block is {count, capacity, length, text..., 0}. Its byte size is always
-// computed from the capacity (capacity + 16, or capacity * 2 + 16 for WStr).
-// A length of 0 with a non-zero first unit means "not measured yet": text was
-// written through Reserve and is counted at first use.
+// WStr holds UTF-16 units for the platform's wide interfaces. A null Str is
+// the empty string. Text written through Reserve is measured at first use.
 #pragma once
 
 #include <cstdarg>
 #include <cstdint>
 
-#include "reference.h"
-
-struct StrBlock {
-    int32_t count;
-    uint32_t capacity;
-    uint32_t length;
-    char text[]; // capacity + 1 units
-};
-
-struct WStrBlock {
-    int32_t count;
-    uint32_t capacity;
-    uint32_t length;
-    wchar_t text[]; // capacity + 1 units
-};
-
-void DestroyCounted(StrBlock* block);
-void DestroyCounted(WStrBlock* block);
-
-inline constexpr uint32_t kStrHeaderBytes = 12;
-
-// Block storage. Both return null for a request of 0 and, after reporting
-// "String allocation failed" with last error 14, when memory runs out.
-StrBlock* AllocStrBuffer(uint32_t request, uint32_t length);
-wchar_t* AllocWStrBuffer(uint32_t request, uint32_t length);
-void FreeStrBuffer(StrBlock* block);
-void ReleaseWStr(wchar_t* text);
-uint64_t StrBlockBytes(const StrBlock* block);
-uint64_t WStrBlockBytes(const WStrBlock* block);
-inline WStrBlock* WStrBlockOf(const wchar_t* text) {
-    return reinterpret_cast<WStrBlock*>(const_cast<char*>(reinterpret_cast<const char*>(text)) -
-                                        kStrHeaderBytes);
-}
-
-const char* EmptyText();
-WStrBlock* EmptyWStr();
-
-// True (after reporting, last error 14) when length1 + length2 overflows 32 bits.
-bool CheckWStrOverflow(uint32_t length1, uint32_t length2);
-void ReportStrOverflow(uint32_t length1, uint32_t length2);
+#include "private/strblock.h"
 
 class WStr;
 
@@ -81,6 +38,10 @@ class Str {
     bool IsEmpty() const { return Length() == 0; }
     uint32_t Capacity() const { return m_block ? m_block->capacity : 0; }
     StrBlock* Block() const { return m_block; }
+    // The text to change in place: null unless this handle is its one holder.
+    char* MutableText() {
+        return m_block && Reference::Count(m_block) < 2 ? m_block->text : nullptr;
+    }
 
     // Replaces the value by a copy of a zero-terminated text; null or empty gives null.
     void Assign(const char* text);

@@ -6,6 +6,8 @@
 
 #include "report.h"
 
+struct ThreadReportState;
+
 inline constexpr uint32_t kTraceToPipe = 1;
 inline constexpr uint32_t kTraceToDebugger = 2;
 inline constexpr uint32_t kTraceToStderr = 4;

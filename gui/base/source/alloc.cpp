@@ -4,16 +4,19 @@
 
 #include <windows.h>
 
+#include "private/seams.h"
+
 namespace {
-AllocFailureHook s_failureHook = nullptr;
+SeamSlot<AllocSeams> s_seams;
 }
 
-void SetAllocFailureHook(AllocFailureHook hook) {
-    s_failureHook = hook;
+void SetAllocSeamsForTesting(const AllocSeams* seams) {
+    s_seams.Set(seams);
 }
 
 void* AllocParticle(size_t bytes) {
-    if (s_failureHook != nullptr && s_failureHook(bytes)) {
+    const AllocSeams* seams = s_seams.Get();
+    if (seams != nullptr && seams->failAllocation != nullptr && seams->failAllocation(bytes)) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }

@@ -1,5 +1,4 @@
-// Reporting: report lines, interactive reports, operational events, the log
-// type, event sources, system error texts and the module identity.
+// Reporting: report lines, the log type, event sources and operational events.
 #include "report.h"
 
 #include <windows.h>
@@ -14,6 +13,7 @@
 #include "handles.h"
 #include "json.h"
 #include "locks.h"
+#include "private/reportstate.h"
 #include "registry.h"
 #include "trace.h"
 
@@ -24,14 +24,7 @@ const char kEventLogKey[] = "HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Serv
                             "Application";
 const char kLibrarySource[] = "QELGUI";
 
-// Module identity. Set once by the entry point, before any other thread runs.
-Str s_modulePath;
-Str s_applicationName;
-Str s_moduleVersion("24.7.0.15");
-
 bool s_reportingEnabled = true;
-bool s_processAllowsBoxes = true;
-bool s_userAllowsBoxes = true;
 
 thread_local ThreadReportState t_reportState;
 
@@ -67,11 +60,6 @@ char SeverityLetter(int32_t severity, char categoryLetter) {
     default:
         return categoryLetter;
     }
-}
-
-bool Passes(const ThreadReportState* state, int32_t severity) {
-    return state->suppressCount == 0 &&
-           (static_cast<uint32_t>(severity) & ~state->severityMask) == 0;
 }
 
 // Appends printf-style text to a fixed buffer; false once it would not fit.
@@ -174,13 +162,17 @@ ThreadReportState* GetThreadReportState() {
     return &t_reportState;
 }
 
+bool ReportPasses(const ThreadReportState* state, int32_t severity) {
+    return state->suppressCount == 0 &&
+           (static_cast<uint32_t>(severity) & ~state->severityMask) == 0;
+}
+
 void SetReportingEnabled(bool enabled) {
     s_reportingEnabled = enabled;
 }
 
-void SetInteractionAllowed(bool processAllows, bool userAllows) {
-    s_processAllowsBoxes = processAllows;
-    s_userAllowsBoxes = userAllows;
+bool ReportingEnabled() {
+    return s_reportingEnabled;
 }
 
 void WriteReport(uint32_t category, int32_t severity, const char* sourceFile, uint32_t line,
@@ -189,7 +181,7 @@ void WriteReport(uint32_t category, int32_t severity, const char* sourceFile, ui
     if (message == nullptr || !s_reportingEnabled)
         return;
     ThreadReportState* state = GetThreadReportState();
-    if (!Passes(state, severity))
+    if (!ReportPasses(state, severity))
         return;
     char header[kReportLineLimit + 1];
     const size_t headerLength =
@@ -216,11 +208,6 @@ void WriteReportF(uint32_t category, int32_t severity, const char* sourceFile, u
     WriteReport(category, severity, sourceFile, line, text.Text());
 }
 
-Str LastErrorText(uint32_t code) {
-    const int runtimeError = errno;
-    return FormatSystemError(code != 0 ? code : static_cast<uint32_t>(runtimeError));
-}
-
 void ReportWithSystemError(uint32_t category, int32_t severity, const char* sourceFile,
                            uint32_t line, const char* message) {
     LastErrorKeeper keep;
@@ -230,252 +217,6 @@ void ReportWithSystemError(uint32_t category, int32_t severity, const char* sour
     if (total > 0xFFFFFFFFull || !joined.Append(": ") || !joined.Append(error))
         joined.Clear();
     WriteReport(category, severity, sourceFile, line, joined.Text());
-}
-
-// ---------------------------------------------------------------------------
-// Interactive reports
-
-namespace {
-
-struct BoxRequest {
-    const char* text;
-    uint32_t type;
-    int answer;
-    bool shift;
-    bool control;
-};
-
-ReportBoxHook s_boxHook = nullptr;
-
-DWORD WINAPI BoxThread(void* parameter) {
-    auto* request = static_cast<BoxRequest*>(parameter);
-    const char caption[] = "Korvanta Tracer";
-    const uint32_t style = request->type | MB_ICONERROR | MB_SYSTEMMODAL | MB_SETFOREGROUND;
-    const ReportBoxHook hook = s_boxHook;
-    if (hook != nullptr) {
-        request->answer = hook(request->text, caption, style, &request->shift, &request->control);
-        return 0;
-    }
-    request->answer = MessageBoxA(nullptr, request->text, caption, style);
-    request->shift = GetKeyState(VK_SHIFT) < 0;
-    request->control = GetKeyState(VK_CONTROL) < 0;
-    return 0;
-}
-
-BOOL CALLBACK FindThreadWindow(HWND window, LPARAM found) {
-    *reinterpret_cast<HWND*>(found) = window;
-    return FALSE;
-}
-
-// A window station that is not visible (a service's) has no one to answer a box.
-bool HasInteractiveDesktop() {
-    USEROBJECTFLAGS flags{};
-    HWINSTA station = GetProcessWindowStation();
-    if (station == nullptr ||
-        !GetUserObjectInformationW(station, UOI_FLAGS, &flags, sizeof flags, nullptr))
-        return false;
-    return (flags.dwFlags & WSF_VISIBLE) != 0;
-}
-
-} // namespace
-
-void SetReportBoxHook(ReportBoxHook hook) {
-    s_boxHook = hook;
-}
-
-int MessageBoxThread(const char* text, uint32_t type, bool* outShift, bool* outControl) {
-    LastErrorKeeper keep;
-    BoxRequest request{text, type, 0, false, false};
-    if (outShift != nullptr)
-        *outShift = false;
-    if (outControl != nullptr)
-        *outControl = false;
-    DWORD threadId = 0;
-    UniqueHandle thread(CreateThread(nullptr, 0, BoxThread, &request, 0, &threadId));
-    if (!thread)
-        return 0;
-    bool closedByUs = false;
-    bool lastStep = false;
-    for (int step = 1; step <= 20; ++step) {
-        if (WaitForSingleObject(thread.Get(), 500) != WAIT_TIMEOUT)
-            break;
-        HWND window = nullptr;
-        EnumThreadWindows(threadId, FindThreadWindow, reinterpret_cast<LPARAM>(&window));
-        if (window == nullptr) {
-            if (lastStep)
-                break;
-            lastStep = true; // the box is gone (or not yet there): one more step
-            continue;
-        }
-        lastStep = false;
-        if (step == 20) {
-            // Nobody answered within about ten seconds: the box closes itself.
-            PostMessageA(window, WM_CLOSE, 0, 0);
-            closedByUs = true;
-        }
-    }
-    bool terminated = false;
-    if (WaitForSingleObject(thread.Get(), 500) == WAIT_TIMEOUT) {
-        TerminateThread(thread.Get(), 1);
-        terminated = true;
-    }
-    if (terminated || closedByUs)
-        return 0;
-    if (outShift != nullptr)
-        *outShift = request.shift;
-    if (outControl != nullptr)
-        *outControl = request.control;
-    return request.answer;
-}
-
-void ReportAndConfirm(uint32_t category, int32_t severity, const char* sourceFile, uint32_t line,
-                      const char* message) {
-    LastErrorKeeper keep;
-    WriteReport(category, severity, sourceFile, line, message);
-    if (message == nullptr || !s_reportingEnabled || !s_processAllowsBoxes || !s_userAllowsBoxes)
-        return;
-    ThreadReportState* state = GetThreadReportState();
-    if (!Passes(state, severity) || state->inDialog != 0 || state->neverAsk)
-        return;
-    for (uint32_t i = 0; i < state->silencedCount; ++i)
-        if (state->silenced[i].file == sourceFile && state->silenced[i].line == line)
-            return;
-    if (!HasInteractiveDesktop())
-        return;
-    ++state->inDialog;
-    bool shift = false;
-    bool control = false;
-    const int answer = MessageBoxThread(message, MB_OKCANCEL, &shift, &control);
-    if (answer != IDCANCEL) {
-        if (shift)
-            state->neverAsk = true;
-        if (control && state->silencedCount < 128)
-            state->silenced[state->silencedCount++] = {sourceFile, line};
-        --state->inDialog;
-        return;
-    }
-    using IsDebuggerPresentFunction = BOOL(WINAPI*)();
-    const auto isDebuggerPresent =
-        reinterpret_cast<IsDebuggerPresentFunction>(reinterpret_cast<void*>(
-            GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "IsDebuggerPresent")));
-    if (isDebuggerPresent != nullptr && isDebuggerPresent()) {
-        DebugBreak();
-    } else if (MessageBoxThread("Continue?", MB_YESNO, nullptr, nullptr) == IDNO) {
-        FatalExit(1);
-    }
-    --state->inDialog;
-}
-
-// ---------------------------------------------------------------------------
-// System error texts
-
-namespace {
-
-// FormatMessageW's text as one trimmed UTF-8 line; empty when the system has none.
-// The width mask only folds the message's soft line breaks: hard ones (and any
-// in the inserts) are folded here, so that a report never splits on them.
-Str MessageText(DWORD flags, HMODULE module, uint32_t code, DWORD language, va_list* arguments) {
-    wchar_t* buffer = nullptr;
-    const DWORD length =
-        FormatMessageW(flags | FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_MAX_WIDTH_MASK,
-                       module, code, language, reinterpret_cast<LPWSTR>(&buffer), 0, arguments);
-    UniqueLocal owner(buffer);
-    if (length == 0 || buffer == nullptr)
-        return Str();
-    uint32_t end = length;
-    while (end > 0 && iswspace(buffer[end - 1]))
-        --end;
-    uint32_t start = 0;
-    while (start < end && iswspace(buffer[start]))
-        ++start;
-    uint32_t out = start;
-    for (uint32_t i = start; i < end; ++i) {
-        if (buffer[i] == L'\r' || buffer[i] == L'\n') {
-            while (i + 1 < end && (buffer[i + 1] == L'\r' || buffer[i + 1] == L'\n'))
-                ++i;
-            buffer[out++] = L' ';
-        } else {
-            buffer[out++] = buffer[i];
-        }
-    }
-    return Str::FromUtf16(buffer + start, out - start);
-}
-
-} // namespace
-
-Str SystemErrorText(uint32_t code) {
-    LastErrorKeeper keep;
-    return MessageText(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0,
-                       nullptr);
-}
-
-Str FormatSystemError(uint32_t code, HMODULE module, uint32_t primaryLanguage, uint32_t subLanguage,
-                      va_list* arguments) {
-    LastErrorKeeper keep;
-    DWORD flags = module != nullptr ? FORMAT_MESSAGE_FROM_HMODULE : FORMAT_MESSAGE_FROM_SYSTEM;
-    if (arguments == nullptr)
-        flags |= FORMAT_MESSAGE_IGNORE_INSERTS;
-    const Str text = MessageText(
-        flags, module, code,
-        MAKELANGID(static_cast<WORD>(primaryLanguage), static_cast<WORD>(subLanguage)), arguments);
-    return StrFormat("%s (0x%08lX/%lu)", text.IsEmpty() ? "Unknown error" : text.Text(),
-                     static_cast<unsigned long>(code), static_cast<unsigned long>(code));
-}
-
-// ---------------------------------------------------------------------------
-// Module identity
-
-void SetModulePath(const Str& path) {
-    s_modulePath = path;
-}
-void SetApplicationName(const Str& name) {
-    s_applicationName = name;
-}
-void SetModuleVersion(const Str& version) {
-    s_moduleVersion = version;
-}
-Str GetModulePathText() {
-    return s_modulePath;
-}
-Str GetModuleVersion() {
-    return s_moduleVersion;
-}
-
-Str GetModuleBaseName() {
-    static Str s_moduleName;
-    static volatile LONG s_known = 0;
-    if (InterlockedCompareExchange(&s_known, 0, 0) != 0)
-        return s_moduleName;
-    LastErrorKeeper keep;
-    NamedSectionLock lock(GetStaticsSection(), "Str s_modulename");
-    if (s_known == 0) {
-        wchar_t path[261];
-        const DWORD length = GetModuleFileNameW(nullptr, path, 261);
-        if (length != 0 && length < 261) {
-            const wchar_t* name = path;
-            for (const wchar_t* p = path; *p; ++p)
-                if (*p == L'\\' || *p == L'/')
-                    name = p + 1;
-            const wchar_t* dot = wcsrchr(name, L'.');
-            s_moduleName = Str::FromUtf16(
-                name, static_cast<uint32_t>(dot != nullptr ? dot - name : wcslen(name)));
-        }
-        InterlockedExchange(&s_known, 1);
-    }
-    return s_moduleName;
-}
-
-Str GetApplicationName() {
-    if (!s_applicationName.IsEmpty())
-        return s_applicationName;
-    Str fallback = GetModuleBaseName();
-    if (fallback.Block() != nullptr) {
-        Str copy(fallback.Text(), fallback.Length());
-        if (copy.Block() != nullptr)
-            UpperCaseUtf8(copy.Block()->text);
-        return copy;
-    }
-    return fallback;
 }
 
 // ---------------------------------------------------------------------------
@@ -532,12 +273,13 @@ LogType GetLogType() {
 
 void InstallEventSource(const Str& sourceName) {
     LastErrorKeeper keep;
-    if (sourceName.IsEmpty() || s_modulePath.IsEmpty())
+    const Str modulePath = GetModulePathText();
+    if (sourceName.IsEmpty() || modulePath.IsEmpty())
         return;
     WriteRegistryNumber(kEventLogKey, sourceName.Text(), "TypesSupported", 7);
     WriteRegistryNumber(kEventLogKey, sourceName.Text(), "CategoryCount", 7);
-    WriteRegistryText(kEventLogKey, sourceName.Text(), "CategoryMessageFile", s_modulePath.Text());
-    WriteRegistryText(kEventLogKey, sourceName.Text(), "EventMessageFile", s_modulePath.Text());
+    WriteRegistryText(kEventLogKey, sourceName.Text(), "CategoryMessageFile", modulePath.Text());
+    WriteRegistryText(kEventLogKey, sourceName.Text(), "EventMessageFile", modulePath.Text());
 }
 
 namespace {
@@ -737,7 +479,7 @@ Str BuildRecord(const Str& text, uint32_t level, const EventDescriptor& descript
                          value.number && IsJsonNumber(value.text.Text()));
     }
     if (processInfo) {
-        AppendJsonMember(record, "version", s_moduleVersion.Text(), false);
+        AppendJsonMember(record, "version", GetModuleVersion().Text(), false);
         AppendJsonMember(record, "processid",
                          StrFormat("%lu", static_cast<unsigned long>(GetCurrentProcessId())).Text(),
                          true);
@@ -833,69 +575,4 @@ void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t code, co
     descriptor.valueCount = n;
     ReportEvent(Str(kLibrarySource), code, descriptor, true, kLevelErr, 0, false);
     t_reporting = false;
-}
-
-// ---------------------------------------------------------------------------
-// Diagnostic event catalogue
-
-namespace {
-
-struct DiagnosticEventDefinition {
-    uint32_t id;
-    const char* name;
-    const char* fields; // field names separated by ";"
-};
-
-// The events of the "Korvanta Base Library" provider.
-const DiagnosticEventDefinition kDiagnosticEvents[] = {
-    {100, "Critical Section Wait", "lock;locksite;lastlocksite;lastduration_ms"},
-    {101, "Thread::Start", "name"},
-    {102, "Error", "msg"},
-    {103, "ReportEvent", "source;eventid;event"},
-    {104, "ReportError", "source;eventid;event"},
-    {105, "ReportWarning", "source;eventid;event"},
-    {106, "Read Lock Wait", "lock;locksite"},
-    {107, "Write Lock Wait", "lock;locksite"},
-};
-
-} // namespace
-
-DiagnosticCatalogue* GetDiagnosticCatalogue() {
-    // No event consumer attaches to the provider in this program, so it reports
-    // itself disabled and no event is ever built.
-    static DiagnosticCatalogue s_catalogue = {false, nullptr};
-    return &s_catalogue;
-}
-
-void FireDiagnosticEvent(uint32_t id, uint32_t phase, const char* const* fields, uint32_t count) {
-    LastErrorKeeper keep;
-    if (!GetDiagnosticCatalogue()->enabled)
-        return;
-    const DiagnosticEventDefinition* definition = nullptr;
-    for (const DiagnosticEventDefinition& event : kDiagnosticEvents)
-        if (event.id == id)
-            definition = &event;
-    if (definition == nullptr)
-        return;
-    Str text = StrFormat("%s (%u) phase %u [%s]", definition->name, id, phase, definition->fields);
-    for (uint32_t i = 0; i < count; ++i) {
-        text.Append(i == 0 ? ": " : ";");
-        text.Append(fields[i] != nullptr ? fields[i] : "");
-    }
-    WriteReport(kCategoryBase, kSeverityInfo, kSourceFile, __LINE__, text.Text());
-}
-
-// ---------------------------------------------------------------------------
-// Fatal errors
-
-[[noreturn]] void FatalError(const char* format, ...) {
-    char message[kReportLineLimit];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(message, sizeof message, format, arguments);
-    va_end(arguments);
-    WriteReport(kCategoryBase, kSeverityError, kSourceFile, __LINE__, message);
-    fprintf(stderr, "%s\n", message);
-    fflush(stderr);
-    abort();
 }

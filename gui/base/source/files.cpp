@@ -9,6 +9,7 @@
 #include <new>
 
 #include "handles.h"
+#include "private/seams.h"
 #include "report.h"
 
 namespace {
@@ -16,10 +17,7 @@ namespace {
 std::atomic<FileOperationHook> s_fileOperationHook{nullptr};
 std::atomic<bool> s_longPaths{false};
 
-using MoveFileExFunction = BOOL(WINAPI*)(LPCWSTR, LPCWSTR, DWORD);
-using MoveFileFunction = BOOL(WINAPI*)(LPCWSTR, LPCWSTR);
-std::atomic<MoveFileExFunction> s_moveFileEx{&MoveFileExW};
-std::atomic<MoveFileFunction> s_moveFile{&MoveFileW};
+SeamSlot<FileSeams> s_seams;
 
 // Attributes cleared before a forced delete: read-only and those that cannot be
 // set directly (directory, device, sparse, reparse point, compressed,
@@ -132,8 +130,8 @@ bool CreateEmptyFile(const Str& path) {
     if (!PlatformPath(path, platform))
         return false;
     Notice(kFileOperationCreate, kFileOperationBefore, path, nullptr);
-    UniqueFile file(CreateFileW(platform.Text(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
-                                nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    UniqueHandle file(CreateFileW(platform.Text(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+                                  nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     Notice(kFileOperationCreate, kFileOperationAfter, path, nullptr);
     return file.Valid() && CloseHandle(file.Detach());
 }
@@ -212,7 +210,8 @@ bool MoveFilePath(const Str& source, const Str& destination, bool failIfExists) 
     const DWORD flags =
         failIfExists ? MOVEFILE_COPY_ALLOWED : MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED;
     Notice(kFileOperationMove, kFileOperationBefore, source, &destination);
-    const BOOL moved = s_moveFileEx.load()(from.Text(), to.Text(), flags);
+    const BOOL moved =
+        s_seams.Pick(&FileSeams::moveFileEx, &MoveFileExW)(from.Text(), to.Text(), flags);
     Notice(kFileOperationMove, kFileOperationAfter, source, &destination);
     if (moved)
         return true;
@@ -220,7 +219,7 @@ bool MoveFilePath(const Str& source, const Str& destination, bool failIfExists) 
         return false;
 
     // Without MoveFileExW: a plain move, which neither replaces nor crosses volumes.
-    const MoveFileFunction moveFile = s_moveFile.load();
+    const auto moveFile = s_seams.Pick(&FileSeams::moveFile, &MoveFileW);
     if (moveFile(from.Text(), to.Text()))
         return true;
     if (MayAlreadyExist(GetLastError())) {
@@ -376,10 +375,6 @@ Str GetWellKnownDirectory(uint32_t number) {
     return result;
 }
 
-void SetFileMoveFunctionsForTesting(const FileMoveFunctions* functions) {
-    s_moveFileEx.store(functions != nullptr && functions->moveFileEx != nullptr
-                           ? functions->moveFileEx
-                           : &MoveFileExW);
-    s_moveFile.store(functions != nullptr && functions->moveFile != nullptr ? functions->moveFile
-                                                                            : &MoveFileW);
+void SetFileSeamsForTesting(const FileSeams* seams) {
+    s_seams.Set(seams);
 }

@@ -1,7 +1,6 @@
 // Starting other programs through CreateProcessW.
 #include "process.h"
 
-#include <atomic>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -22,8 +21,6 @@ constexpr uint32_t kProcessIdZero = 0xFFFFFFFF;
 // The size the start-up record has on 64-bit Windows; a header that disagrees
 // would hand CreateProcessW a record it reads differently.
 static_assert(sizeof(STARTUPINFOW) == 104, "STARTUPINFOW must be 104 bytes");
-
-std::atomic<StartCommandFunction> s_startCommandHook{nullptr};
 
 void ReportStarted(const Str& commandLine, uint32_t processId) {
     const EventValue values[] = {
@@ -127,12 +124,5 @@ bool StartCommand(const Str& commandLine, const char* workingDirectory, bool sho
 }
 
 bool StartCommand(const Str& commandLine) {
-    const StartCommandFunction hook = s_startCommandHook.load(std::memory_order_acquire);
-    if (hook != nullptr)
-        return hook(commandLine);
     return StartCommand(commandLine, "", true, true);
-}
-
-void SetStartCommandHook(StartCommandFunction hook) {
-    s_startCommandHook.store(hook, std::memory_order_release);
 }

@@ -4,6 +4,8 @@
 // here is best effort: a destination that fails is dropped silently.
 #include "trace.h"
 
+#include "private/reportstate.h"
+
 #include <windows.h>
 
 #include <cstdio>

@@ -11,6 +11,7 @@
 
 #include "files.h"
 #include "handles.h"
+#include "private/seams.h"
 #include "testsupport.h"
 
 using namespace testsupport;
@@ -27,9 +28,9 @@ std::string ReadText(const std::wstring& path) {
 }
 
 // Holds a file open without FILE_SHARE_DELETE.
-UniqueFile Lock(const std::wstring& path) {
-    return UniqueFile(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                  nullptr, OPEN_EXISTING, 0, nullptr));
+UniqueHandle Lock(const std::wstring& path) {
+    return UniqueHandle(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                    nullptr, OPEN_EXISTING, 0, nullptr));
 }
 
 // Every notice as "operation phase path [second]", with "+" when the path exists then.
@@ -79,7 +80,7 @@ TEST(Files, DeleteFilePath) {
         const bool present = name != std::wstring(L"missing");
         ASSERT_TRUE(!present || (WriteFileBytes(path, "data") &&
                                  SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY)));
-        const UniqueFile lock = held ? Lock(path) : UniqueFile();
+        const UniqueHandle lock = held ? Lock(path) : UniqueHandle();
         ASSERT_EQ(lock.Valid(), held);
         SetLastError(0);
         EXPECT_EQ(DeleteFilePath(U8(path), force), expected);
@@ -92,8 +93,8 @@ TEST(Files, DeleteFilePath) {
 // neither replaces nor crosses volumes, then delete-and-retry or copy-and-delete.
 TEST(Files, MoveFilePath) {
     ScratchDir dir(L"files-move");
-    const FileMoveFunctions functions = {&ScriptedMoveFileEx, &ScriptedMoveFile};
-    SetFileMoveFunctionsForTesting(&functions);
+    const FileSeams seams = {&ScriptedMoveFileEx, &ScriptedMoveFile};
+    SetFileSeamsForTesting(&seams);
     constexpr DWORD kNone = ERROR_CALL_NOT_IMPLEMENTED, kCross = ERROR_NOT_SAME_DEVICE;
     // The platform's errors (0: real), setup ("s" source, "d" destination, "h" source held,
     // "f" fail-if-exists), result, last error (0: not checked), plain moves, destination
@@ -125,7 +126,7 @@ TEST(Files, MoveFilePath) {
         ASSERT_TRUE(!has('d') || WriteFileBytes(destination, "destination"));
         std::tie(g_moveFileExError, g_moveFileError, g_moveFileCalls) =
             std::tuple(exError, plainError, 0);
-        UniqueFile lock = has('h') ? Lock(source) : UniqueFile();
+        UniqueHandle lock = has('h') ? Lock(source) : UniqueHandle();
         ASSERT_EQ(lock.Valid(), has('h'));
         SetLastError(0);
         EXPECT_EQ(MoveFilePath(U8(source), U8(destination), has('f')), expected);
@@ -135,7 +136,7 @@ TEST(Files, MoveFilePath) {
         EXPECT_EQ(ReadText(destination), destinationAfter);
         EXPECT_EQ(PathExists(source), sourceAfter);
     }
-    SetFileMoveFunctionsForTesting(nullptr);
+    SetFileSeamsForTesting(nullptr);
 }
 
 // Changing operations announce themselves before and after, whatever the outcome.

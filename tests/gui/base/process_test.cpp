@@ -154,21 +154,6 @@ TEST(StartCommand, ChildSeesCommandLineFlagsAndDirectoryAndTheHook) {
         EXPECT_EQ(s_log, kSucceeded + "  command: " + commandLine +
                              "\n  processid: " + std::to_string(id) + "\n");
     }
-    Capture capture;
-    SetStartCommandHook(
-        [](const Str& line) { return SetLastError(ERROR_ACCESS_DENIED), line == "hooked"; });
-    const bool hooked = StartCommand(Str("hooked"));
-    const DWORD hookedError = GetLastError();
-    const bool fourArguments = StartCommand(Str("cmd.exe /c exit 0"), nullptr, false, false);
-    SetStartCommandHook(nullptr);
-    EXPECT_TRUE(hooked && fourArguments && hookedError == ERROR_ACCESS_DENIED);
-    EXPECT_FALSE(StartCommand(Str("hooked")));
-    // Reported: the four-argument start and the unhooked one, not the hooked one.
-    const size_t failed = s_log.find(kFailed + "  command: hooked\n");
-    EXPECT_EQ(s_log.rfind(kSucceeded + "  command: cmd.exe /c exit 0\n", 0), 0u) << s_log;
-    EXPECT_TRUE(failed != s_log.npos && s_log.find("ReportEvent: ", 1) == failed &&
-                s_log.rfind("ReportEvent: ") == failed)
-        << s_log;
 }
 
 // With LOGTYPE=stdout each event is one JSON record on standard output.

@@ -12,6 +12,8 @@
 #include <tuple>
 #include <vector>
 
+#include "private/reportstate.h"
+#include "private/seams.h"
 #include "report.h"
 #include "testsupport.h"
 #include "trace.h"
@@ -290,7 +292,8 @@ int RunChild() {
 int main(int argc, char** argv) {
     const std::wstring self = SelfPath();
     SetModulePath(Str::FromUtf16(self.c_str(), static_cast<uint32_t>(self.size())));
-    SetReportBoxHook(ScriptedBox); // no test waits on a real box
+    static const ReportSeams seams = {ScriptedBox};
+    SetReportSeamsForTesting(&seams); // no test waits on a real box
     if (argc >= 2 && strcmp(argv[1], "--report-child") == 0)
         return RunChild();
     testing::InitGoogleTest(&argc, argv);

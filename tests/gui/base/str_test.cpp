@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "alloc.h"
+#include "private/seams.h"
 #include "report.h"
 #include "str.h"
 #include "testsupport.h"
@@ -59,12 +60,13 @@ struct AllocSpy {
     explicit AllocSpy(size_t limit = size_t(1) << 31) {
         threshold = limit;
         lastFailed = failed = calls = 0;
-        SetAllocFailureHook([](size_t bytes) {
+        static const AllocSeams seams = {[](size_t bytes) {
             ++calls;
             return bytes >= threshold && (lastFailed = bytes, ++failed);
-        });
+        }};
+        SetAllocSeamsForTesting(&seams);
     }
-    ~AllocSpy() { SetAllocFailureHook(nullptr); }
+    ~AllocSpy() { SetAllocSeamsForTesting(nullptr); }
 };
 
 TEST(StrCapacity, SizeClassesAndHugeRequestFailureReports) {

@@ -14,12 +14,15 @@
 #include "host.h"
 #include "private/system.h"
 #include "report.h"
+#include "seams.h"
 #include "trace.h"
 
 namespace {
 
 HANDLE s_log = INVALID_HANDLE_VALUE;
 unsigned s_passes = 0;
+void CountingPass();
+ServiceSeams s_seams = {CountingPass, 0};
 
 bool LogLine(const char* line, uint32_t) {
     char buffer[kReportLineLimit + 4];
@@ -72,12 +75,12 @@ int main() {
             s_log = CreateFileW(path.Text(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                 nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
         } else if (name == "--wait") {
-            g_serviceSeams.waitMs = static_cast<DWORD>(strtoul(value.Text(), nullptr, 10));
+            s_seams.waitMs = static_cast<DWORD>(strtoul(value.Text(), nullptr, 10));
         }
     }
     if (s_log != INVALID_HANDLE_VALUE)
         SetTraceHook(LogLine);
-    g_serviceSeams.step = CountingPass;
+    SetServiceSeamsForTesting(&s_seams);
     SetInteractionAllowed(false, false);
     return ServiceEntryPoint();
 }

@@ -11,6 +11,7 @@
 
 #include "handles.h"
 #include "process.h"
+#include "seams.h"
 #include "servicestep.h"
 #include "testca.h"
 #include "testsupport.h"
@@ -43,8 +44,7 @@ class QueuePass : public ::testing::Test {
     }
     void TearDown() override {
         SetTraceHook(nullptr);
-        SetStartCommandHook(nullptr);
-        g_queueChecks = s_defaults;
+        SetQueueSeamsForTesting(nullptr);
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, kPolicyKey);
     }
 
@@ -77,7 +77,6 @@ class QueuePass : public ::testing::Test {
         return ReadRegistryString(HKEY_LOCAL_MACHINE, kSetupsKey, L"UpdateInstaller");
     }
 
-    static inline const QueueChecks s_defaults = g_queueChecks;
     std::wstring m_drop;
 };
 
@@ -141,9 +140,11 @@ TEST_F(QueuePass, PolicyZeroLeavesEverythingUntouched) {
 
 TEST_F(QueuePass, RefusalsAfterTheMoveDeleteTheMovedCopy) {
     // Wine always finds msiexec; the seam starts a program that does not exist instead.
-    SetStartCommandHook([](const Str&) {
-        return StartCommand(Str("kvt-no-such-installer.exe /qn"), nullptr, true, true);
-    });
+    static const QueueSeams noStart = {nullptr, nullptr, nullptr, [](const Str&) {
+                                           return StartCommand(Str("kvt-no-such-installer.exe /qn"),
+                                                               nullptr, true, true);
+                                       }};
+    SetQueueSeamsForTesting(&noStart);
     Request(L"nostart", L"signed-korvanta.msi");
     ExecuteServiceStep();
     EXPECT_EQ(ResultCode(L"nostart"), 1);
@@ -152,9 +153,9 @@ TEST_F(QueuePass, RefusalsAfterTheMoveDeleteTheMovedCopy) {
     // Both checks pass in the drop directory; one of them fails on the moved copy.
     const auto inDrop = [](const Str& p) { return Widen(p.Text()).rfind(s_update, 0) != 0; };
     const auto pass = [](const Str&) { return true; };
-    for (const auto& [checks, code] :
-         {std::pair{QueueChecks{inDrop, pass}, 3}, std::pair{QueueChecks{pass, inDrop}, 2}}) {
-        g_queueChecks = checks;
+    for (const auto& [checks, code] : {std::pair{QueueSeams{inDrop, pass, nullptr, nullptr}, 3},
+                                       std::pair{QueueSeams{pass, inDrop, nullptr, nullptr}, 2}}) {
+        SetQueueSeamsForTesting(&checks);
         Request(L"second", L"signed-korvanta.msi");
         ExecuteServiceStep();
         EXPECT_EQ(ResultCode(L"second"), code);
@@ -167,8 +168,8 @@ TEST_F(QueuePass, RefusalsAfterTheMoveDeleteTheMovedCopy) {
 TEST_F(QueuePass, LockedPackageIsMarkedAndRetriedUntilItCanBeDeleted) {
     Request(L"locked", L"signed-korvanta.msi");
     // Held open without delete sharing: it can be read, but neither moved nor deleted.
-    UniqueFile lock(CreateFileW(Drop(L"locked.msi").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    UniqueHandle lock(CreateFileW(Drop(L"locked.msi").c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     ASSERT_TRUE(lock);
     ExecuteServiceStep();
     EXPECT_EQ(ResultCode(L"locked"), 4);

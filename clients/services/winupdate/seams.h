@@ -1,0 +1,31 @@
+// Test seams of the service, by the base library's convention (private/seams.h):
+// the pass and poll interval of the control loop, and the queue's checks,
+// security call and installer start.
+#pragma once
+
+#include <windows.h>
+
+#include <aclapi.h>
+
+#include "private/seams.h"
+#include "str.h"
+
+// The control loop: the pass it runs and the time-out of its wait (0: the product's).
+struct ServiceSeams {
+    void (*step)();
+    DWORD waitMs;
+};
+void SetServiceSeamsForTesting(const ServiceSeams* seams);
+
+// The queue pass: its two checks, the security call for the moved package
+// (Wine keeps no file DACL, so only the call itself can be observed) and the
+// installer start.
+struct QueueSeams {
+    bool (*verifyTrust)(const Str& path);
+    bool (*isCompanySigned)(const Str& path);
+    DWORD(WINAPI* setNamedSecurityInfo)
+    (LPWSTR path, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID owner, PSID group, PACL dacl,
+     PACL sacl);
+    bool (*startInstaller)(const Str& commandLine);
+};
+void SetQueueSeamsForTesting(const QueueSeams* seams);
