@@ -12,5 +12,11 @@ struct ProductConstantsTable {
 // Writable, so a build for another product can point the entries elsewhere.
 extern ProductConstantsTable ProductConstants;
 
+// The spool: the drop directory below the common application data folder, the
+// update directory below the program files folder.
+inline constexpr char kDropFolder[] = "korvanta.plugin";
+inline constexpr char kUpdateCompanyFolder[] = "Korvanta";
+inline constexpr char kUpdateFolder[] = "Update";
+
 inline constexpr char kServiceVersion[] = "24.7.0.57";
 inline constexpr char kServiceDisplaySuffix[] = "Client Update Service";

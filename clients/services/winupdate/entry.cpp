@@ -15,10 +15,6 @@
 
 namespace {
 
-Str ToStr(const std::wstring& text) {
-    return Str::FromUtf16(text.c_str(), static_cast<uint32_t>(text.size()));
-}
-
 // Wide formatted output to standard output, byte for byte: the text carries its
 // own CR LF, which a text-mode stream would double, and a binary-mode stream
 // would write wide characters as raw UTF-16. So format wide, write UTF-8.
@@ -42,27 +38,25 @@ void PrintWide(const wchar_t* format, ...) {
 } // namespace
 
 int ServiceEntryPoint() {
-    const std::wstring modulePath = GetModulePath();
-    const std::wstring serviceName = GetServiceName();
-    const std::wstring displayName = GetServiceDisplayName(false);
-
-    SetModulePath(ToStr(modulePath));
-    SetApplicationName(ToStr(displayName));
+    const Str displayName = Str::FromUtf16(GetServiceDisplayName(false));
+    SetModulePath(Str::FromUtf16(GetModulePath()));
+    SetApplicationName(displayName);
     SetModuleVersion(Str(kServiceVersion));
-    InstallEventSource(ToStr(displayName));
+    InstallEventSource(displayName);
+    InitBaseLibrary();
 
     const Str argument = CommandLineArgument(1);
     if (CompareTextEx(argument.Text(), "install", true) == 0) {
         PrintWide(L"\r\nInstalling [");
         // The display name is the format itself; the product texts hold no '%'.
-        PrintWide(GetServiceDisplayName(true).c_str());
+        PrintWide(GetServiceDisplayName(true).Text());
         PrintWide(L"].\r\n");
         return InstallService();
     }
 
     SERVICE_TABLE_ENTRYW table[2] = {};
-    std::wstring name = serviceName;
-    table[0].lpServiceName = name.data();
+    WStr name = GetServiceName();
+    table[0].lpServiceName = name.MutableText();
     table[0].lpServiceProc = ServiceMain;
     if (!StartServiceCtrlDispatcherW(table)) {
         ReportFunctionFailure("StartServiceCtrlDispatcher");

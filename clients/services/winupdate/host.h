@@ -4,7 +4,6 @@
 #include <windows.h>
 
 #include <cstdint>
-#include <string>
 
 #include "str.h"
 
@@ -13,14 +12,14 @@ inline constexpr size_t kServiceTextLimit = 255;
 inline constexpr DWORD kPollIntervalMs = 60000;
 
 // Names derived from the running executable and the product constants.
-std::wstring GetModulePath();
-std::wstring GetServiceName();
-std::wstring GetServiceDisplayName(bool withVersion);
+WStr GetModulePath();
+WStr GetServiceName();
+WStr GetServiceDisplayName(bool withVersion);
 // base + suffix when the suffix is non-empty and the sum stays below 255;
 // otherwise base alone, cut to 255 characters. Never a partial suffix.
-std::wstring LimitServiceText(const std::wstring& base, const std::wstring& suffix);
+WStr LimitServiceText(const WStr& base, const WStr& suffix);
 // The service name's rule applied to a module path (for tests of the rule).
-std::wstring ServiceNameFromPath(const std::wstring& modulePath);
+WStr ServiceNameFromPath(const WStr& modulePath);
 
 // "Function [name] failed with code [%08lX]: <system text>." as an error event.
 void ReportFunctionFailure(const char* functionName);
@@ -58,7 +57,7 @@ struct ServiceContext {
 enum ServiceRequest : DWORD { kRequestStarted = 0, kRequestPause, kRequestContinue, kRequestStop };
 
 void InitServiceContext(ServiceContext* context);
-bool CreateServiceContext(ServiceContext* context, const std::wstring& serviceName);
+bool CreateServiceContext(ServiceContext* context, const WStr& serviceName);
 void CloseServiceContext(ServiceContext* context);
 DWORD SetServiceState(ServiceContext* context, DWORD request);
 bool WaitServiceEvent(ServiceContext* context);

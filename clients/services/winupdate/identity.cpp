@@ -1,58 +1,46 @@
 // Names of the service, derived from the running executable, and the host's two reports.
 #include <windows.h>
 
+#include <cwchar>
+
 #include "constants.h"
 #include "host.h"
 #include "report.h"
 
-namespace {
-
-std::wstring Widen(const char* text) {
-    const WStr wide = WStr::FromUtf8(text, static_cast<uint32_t>(strlen(text)));
-    return std::wstring(wide.Text(), wide.Length());
+WStr GetModulePath() {
+    return GetProgramPath();
 }
 
-std::wstring WideFromStr(const Str& text) {
-    const WStr wide = WStr::FromUtf8(text);
-    return std::wstring(wide.Text(), wide.Length());
+WStr LimitServiceText(const WStr& base, const WStr& suffix) {
+    if (!suffix.IsEmpty() && base.Length() + suffix.Length() < kServiceTextLimit) {
+        WStr joined(base);
+        joined.Append(suffix);
+        return joined;
+    }
+    return base.Length() >= kServiceTextLimit ? WStr(base.Text(), kServiceTextLimit) : base;
 }
 
-} // namespace
-
-std::wstring GetModulePath() {
-    wchar_t buffer[261];
-    const DWORD length = GetModuleFileNameW(nullptr, buffer, 261);
-    if (length == 0 || length >= 261)
-        return std::wstring();
-    return std::wstring(buffer, length);
-}
-
-std::wstring LimitServiceText(const std::wstring& base, const std::wstring& suffix) {
-    if (!suffix.empty() && base.size() + suffix.size() < kServiceTextLimit)
-        return base + suffix;
-    return base.size() >= kServiceTextLimit ? base.substr(0, kServiceTextLimit) : base;
-}
-
-std::wstring ServiceNameFromPath(const std::wstring& modulePath) {
-    std::wstring name = modulePath.substr(modulePath.find_last_of(L'\\') + 1);
-    const size_t dot = name.find_last_of(L'.');
-    if (dot != std::wstring::npos && dot != 0)
-        name.resize(dot);
-    Str narrow = Str::FromUtf16(name.c_str(), static_cast<uint32_t>(name.size()));
+WStr ServiceNameFromPath(const WStr& modulePath) {
+    const wchar_t* separator = wcsrchr(modulePath.Text(), L'\\');
+    const wchar_t* name = separator != nullptr ? separator + 1 : modulePath.Text();
+    // Cut at the last dot, unless the name is nothing but its extension.
+    const wchar_t* dot = wcsrchr(name, L'.');
+    const size_t length = dot != nullptr && dot != name ? dot - name : wcslen(name);
+    Str narrow = Str::FromUtf16(name, static_cast<uint32_t>(length));
     UpperCaseUtf8(narrow.MutableText());
-    return LimitServiceText(WideFromStr(narrow), std::wstring());
+    return LimitServiceText(WStr::FromUtf8(narrow), WStr());
 }
 
-std::wstring GetServiceName() {
+WStr GetServiceName() {
     return ServiceNameFromPath(GetModulePath());
 }
 
-std::wstring GetServiceDisplayName(bool withVersion) {
-    const std::wstring base =
-        Widen(ProductConstants.productName) + L" " + Widen(kServiceDisplaySuffix);
-    const std::wstring suffix =
-        withVersion ? L" (" + Widen(kServiceVersion) + L")" : std::wstring();
-    return LimitServiceText(base, suffix);
+WStr GetServiceDisplayName(bool withVersion) {
+    Str base(ProductConstants.productName);
+    base.Append(" ");
+    base.Append(kServiceDisplaySuffix);
+    const Str suffix = withVersion ? StrFormat(" (%s)", kServiceVersion) : Str();
+    return LimitServiceText(WStr::FromUtf8(base), WStr::FromUtf8(suffix));
 }
 
 namespace {
@@ -83,8 +71,7 @@ void ReportFunctionFailure(const char* functionName) {
 }
 
 void ReportServiceMessage(const char* word) {
-    const std::wstring display = GetServiceDisplayName(true);
-    Str message = Str::FromUtf16(display.c_str(), static_cast<uint32_t>(display.size()));
+    Str message = Str::FromUtf16(GetServiceDisplayName(true));
     message.Append(" ");
     message.Append(word);
     message.Append(".");

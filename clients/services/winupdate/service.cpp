@@ -26,14 +26,14 @@ int InstallService() {
         ReportFunctionFailure("OpenSCManager");
         return 1;
     }
-    const std::wstring modulePath = GetModulePath();
-    const std::wstring displayName = GetServiceDisplayName(false);
-    const std::wstring serviceName = GetServiceName();
+    const WStr modulePath = GetModulePath();
+    const WStr displayName = GetServiceDisplayName(false);
+    const WStr serviceName = GetServiceName();
     // The binary path stays exactly as the module path: no quotes, no arguments.
     UniqueServiceHandle service(
-        CreateServiceW(manager.Get(), serviceName.c_str(), displayName.c_str(), SERVICE_ALL_ACCESS,
+        CreateServiceW(manager.Get(), serviceName.Text(), displayName.Text(), SERVICE_ALL_ACCESS,
                        SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
-                       modulePath.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+                       modulePath.Text(), nullptr, nullptr, nullptr, nullptr, nullptr));
     if (!service) {
         // The owner's release keeps the error code for the report.
         manager.Reset();
@@ -101,10 +101,10 @@ void InitServiceContext(ServiceContext* context) {
         context->waitMs = seams->waitMs;
 }
 
-bool CreateServiceContext(ServiceContext* context, const std::wstring& serviceName) {
+bool CreateServiceContext(ServiceContext* context, const WStr& serviceName) {
     InitServiceContext(context);
     context->statusHandle =
-        RegisterServiceCtrlHandlerExW(serviceName.c_str(), ServiceControlHandler, context);
+        RegisterServiceCtrlHandlerExW(serviceName.Text(), ServiceControlHandler, context);
     if (context->statusHandle == nullptr) {
         context->lastError = GetLastError();
         ReportFunctionFailure("RegisterServiceCtrlHandler");

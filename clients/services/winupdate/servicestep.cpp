@@ -8,6 +8,7 @@
 #include <aclapi.h>
 
 #include "constants.h"
+#include "datetime.h"
 #include "files.h"
 #include "handles.h"
 #include "host.h"
@@ -63,7 +64,9 @@ uint32_t AnswerRequest(const Str& dropDirectory, const Str& updateDirectory, con
     const Str package = SiblingPath(dropDirectory, PathStem(request), ".msi");
     Str working = package;
     uint32_t code;
-    if (!FileExists(package)) {
+    // Anything of that name counts as the package here, a directory too: the
+    // checks then refuse it.
+    if (!PathExists(package)) {
         code = kResultNoPackage;
     } else if (!verifyTrust(package)) {
         code = kResultNotTrusted;
@@ -101,7 +104,7 @@ void SetQueueSeamsForTesting(const QueueSeams* seams) {
 
 Str GetDropDirectory() {
     Str directory = GetWellKnownDirectory(kDirectoryCommonAppData);
-    if (directory.IsEmpty() || !AppendPathComponent(directory, "korvanta.plugin"))
+    if (directory.IsEmpty() || !AppendPathComponent(directory, kDropFolder))
         return Str();
     if (!QueueWithoutProductFolder &&
         !AppendPathComponent(directory, ProductConstants.productFolder))
@@ -111,8 +114,8 @@ Str GetDropDirectory() {
 
 Str GetUpdateDirectory() {
     Str directory = GetWellKnownDirectory(kDirectoryProgramFiles);
-    if (directory.IsEmpty() || !AppendPathComponent(directory, "Korvanta") ||
-        !AppendPathComponent(directory, "Update"))
+    if (directory.IsEmpty() || !AppendPathComponent(directory, kUpdateCompanyFolder) ||
+        !AppendPathComponent(directory, kUpdateFolder))
         return Str();
     // Default security: the directory inherits the program files folder's rules.
     if (!CreateDirectoryPath(directory, true, false))
@@ -126,9 +129,13 @@ PolicyValue OpenPolicyValue(const char* valueName) {
 
 bool AutoUpdateSwitchedOff() {
     const PolicyValue policy = OpenPolicyValue("AUTOUPDATE");
-    // A non-zero default tells "the number 0" from "absent or not a number",
-    // which both leave the pass running.
-    return ReadRegistryNumber(policy.keyPath.Text(), policy.subkey.Text(), policy.valueName, 1,
+    Str key = policy.keyPath;
+    if (!AppendPathComponent(key, policy.subkey.Text()))
+        return false;
+    // Present and reading as 0: a value of another type than a 4-byte REG_DWORD
+    // reads as the default 0 too, and so switches the pass off.
+    return RegistryValueExists(key.Text(), policy.valueName) &&
+           ReadRegistryNumber(policy.keyPath.Text(), policy.subkey.Text(), policy.valueName, 0,
                               true) == 0;
 }
 
@@ -146,13 +153,8 @@ Str InstallerCommandLine(const Str& packagePath) {
 }
 
 Str ResultLine(uint32_t code) {
-    SYSTEMTIME now = {};
-    GetLocalTime(&now);
-    const Str time = StrFormat("%04ld-%02ld-%02ldT%02ld:%02ld:%02ld", static_cast<long>(now.wYear),
-                               static_cast<long>(now.wMonth), static_cast<long>(now.wDay),
-                               static_cast<long>(now.wHour), static_cast<long>(now.wMinute),
-                               static_cast<long>(now.wSecond));
-    return StrFormat("%u|%s: %u", code == kResultStarted ? 1u : 0u, time.Text(), code);
+    return StrFormat("%u|%s: %u", code == kResultStarted ? 1u : 0u,
+                     LocalTimeText(kTimeTextSeconds).Text(), code);
 }
 
 void RemoveMarkedInstallers(const Str& directory) {
@@ -166,7 +168,7 @@ void RemoveMarkedInstallers(const Str& directory) {
         if (!AppendPathComponent(marker, name.Text()))
             continue;
         const Str package = SiblingPath(directory, PathStem(name), ".msi");
-        if (!FileExists(package) || DeleteFilePath(package, false)) {
+        if (!PathExists(package) || DeleteFilePath(package, false)) {
             DeleteFilePath(marker, false);
         } else {
             ReportAndConfirm(kCategoryBase, kSeverityError, kSourceFile, 178,

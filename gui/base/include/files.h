@@ -43,6 +43,8 @@ WStr ToPlatformPath(const Str& path);
 
 // True when the path exists and is not a directory.
 bool FileExists(const Str& path);
+// True when anything exists at the path (a directory too).
+bool PathExists(const Str& path);
 // Creates an empty file (truncating an existing one) and closes it.
 bool CreateEmptyFile(const Str& path);
 // True when the directory exists afterwards. With parents, missing levels are

@@ -97,6 +97,9 @@ void SetModuleVersion(const Str& version);
 Str GetModulePathText();
 Str GetApplicationName();
 Str GetModuleVersion();
+// The program file's full path (GetModuleFileNameW into 261 characters); empty
+// when the call fails or the path is longer.
+WStr GetProgramPath();
 // The program file's name without directory and extension, computed once.
 Str GetModuleBaseName();
 

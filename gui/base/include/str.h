@@ -121,6 +121,11 @@ void SetCompareTextFunction(CompareTextFunction function);
 // CharUpperW, written back only when the UTF-8 length stays the same.
 void UpperCaseUtf8(char* text);
 
+// The unsigned decimal number at `text`: one digit or more, at most `maximum`.
+// Returns the position after the digits, or null (value unchanged) when there
+// is no digit or the number is above maximum.
+const char* ParseDecimal(const char* text, uint64_t maximum, uint64_t& value);
+
 // printf-style formatting into a Str.
 Str StrFormat(const char* format, ...) __attribute__((format(gnu_printf, 1, 2)));
 Str StrFormatV(const char* format, va_list arguments);

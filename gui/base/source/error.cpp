@@ -10,10 +10,12 @@
 #include <memory>
 #include <new>
 
+#include "datetime.h"
 #include "handles.h"
 #include "json.h"
 #include "locks.h"
 #include "private/reportstate.h"
+#include "private/system.h"
 #include "registry.h"
 #include "trace.h"
 
@@ -222,29 +224,6 @@ void ReportWithSystemError(uint32_t category, int32_t severity, const char* sour
 // ---------------------------------------------------------------------------
 // Log type, event sources, events
 
-namespace {
-
-// An environment variable as UTF-8; empty when absent.
-Str EnvironmentText(const wchar_t* name) {
-    wchar_t small[256];
-    DWORD length = GetEnvironmentVariableW(name, small, 256);
-    if (length < 256)
-        return Str::FromUtf16(small, length);
-    // Too long for the buffer: the length returned counts the terminator.
-    for (int attempt = 0; attempt < 4; ++attempt) {
-        std::unique_ptr<wchar_t[]> large(new (std::nothrow) wchar_t[length]);
-        if (!large)
-            return Str();
-        const DWORD needed = GetEnvironmentVariableW(name, large.get(), length);
-        if (needed < length)
-            return Str::FromUtf16(large.get(), needed);
-        length = needed; // it grew meanwhile
-    }
-    return Str();
-}
-
-} // namespace
-
 LogType GetLogType() {
     static volatile LONG s_logtype = -1;
     const LONG known = InterlockedCompareExchange(&s_logtype, -1, -1);
@@ -255,7 +234,7 @@ LogType GetLogType() {
     if (s_logtype >= 0)
         return static_cast<LogType>(s_logtype);
     LONG type = 0;
-    const Str text = EnvironmentText(L"LOGTYPE");
+    const Str text = GetProcessEnvironment("LOGTYPE");
     if (!text.IsEmpty()) {
         if (CompareTextEx(text.Text(), "system", true) == 0)
             type = 0;
@@ -404,26 +383,6 @@ void EchoEvent(const Str& text, uint32_t level) {
     }
 }
 
-Str Timestamp() {
-    SYSTEMTIME now;
-    GetLocalTime(&now);
-    TIME_ZONE_INFORMATION zone;
-    const DWORD mode = GetTimeZoneInformation(&zone);
-    long bias = zone.Bias;
-    if (mode == TIME_ZONE_ID_DAYLIGHT)
-        bias += zone.DaylightBias;
-    else if (mode == TIME_ZONE_ID_STANDARD)
-        bias += zone.StandardBias;
-    const long offset = -bias;
-    const long magnitude = offset < 0 ? -offset : offset;
-    return StrFormat("%04ld-%02ld-%02ldT%02ld:%02ld:%02ld.%03ld%c%02ld:%02ld",
-                     static_cast<long>(now.wYear), static_cast<long>(now.wMonth),
-                     static_cast<long>(now.wDay), static_cast<long>(now.wHour),
-                     static_cast<long>(now.wMinute), static_cast<long>(now.wSecond),
-                     static_cast<long>(now.wMilliseconds), offset < 0 ? '-' : '+', magnitude / 60,
-                     magnitude % 60);
-}
-
 // A JSON number: -?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?
 bool IsJsonNumber(const char* p) {
     auto digits = [&p] {
@@ -468,7 +427,7 @@ Str BuildRecord(const Str& text, uint32_t level, const EventDescriptor& descript
     Str record("{");
     WriteJsonString("@timestamp", record, nullptr, true);
     record.Append(":");
-    WriteJsonString(Timestamp().Text(), record, nullptr, true);
+    WriteJsonString(LocalTimeText(kTimeTextRecord).Text(), record, nullptr, true);
     AppendJsonMember(record, "level", LevelName(level), false);
     AppendJsonMember(record, "message", text.Text(), false);
     for (uint32_t i = 0; i < descriptor.valueCount; ++i) {

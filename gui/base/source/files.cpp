@@ -125,6 +125,12 @@ bool FileExists(const Str& path) {
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
 }
 
+bool PathExists(const Str& path) {
+    WStr platform;
+    return PlatformPath(path, platform) &&
+           GetFileAttributesW(platform.Text()) != INVALID_FILE_ATTRIBUTES;
+}
+
 bool CreateEmptyFile(const Str& path) {
     WStr platform;
     if (!PlatformPath(path, platform))

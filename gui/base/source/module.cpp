@@ -2,6 +2,8 @@
 // application name and version, set by the entry point.
 #include <windows.h>
 
+#include <cwchar>
+
 #include "handles.h"
 #include "locks.h"
 #include "report.h"
@@ -12,6 +14,8 @@ namespace {
 Str s_modulePath;
 Str s_applicationName;
 Str s_moduleVersion("24.7.0.15");
+
+constexpr DWORD kProgramPathBuffer = 261;
 
 } // namespace
 
@@ -31,6 +35,15 @@ Str GetModuleVersion() {
     return s_moduleVersion;
 }
 
+WStr GetProgramPath() {
+    wchar_t buffer[kProgramPathBuffer];
+    const DWORD length = GetModuleFileNameW(nullptr, buffer, kProgramPathBuffer);
+    // A path cut short by the buffer is no path.
+    if (length == 0 || length >= kProgramPathBuffer)
+        return WStr();
+    return WStr(buffer, length);
+}
+
 Str GetModuleBaseName() {
     static Str s_moduleName;
     static volatile LONG s_known = 0;
@@ -39,17 +52,14 @@ Str GetModuleBaseName() {
     LastErrorKeeper keep;
     NamedSectionLock lock(GetStaticsSection(), "Str s_modulename");
     if (s_known == 0) {
-        wchar_t path[261];
-        const DWORD length = GetModuleFileNameW(nullptr, path, 261);
-        if (length != 0 && length < 261) {
-            const wchar_t* name = path;
-            for (const wchar_t* p = path; *p; ++p)
-                if (*p == L'\\' || *p == L'/')
-                    name = p + 1;
-            const wchar_t* dot = wcsrchr(name, L'.');
-            s_moduleName = Str::FromUtf16(
-                name, static_cast<uint32_t>(dot != nullptr ? dot - name : wcslen(name)));
-        }
+        const WStr path = GetProgramPath();
+        const wchar_t* name = path.Text();
+        for (const wchar_t* p = name; *p; ++p)
+            if (*p == L'\\' || *p == L'/')
+                name = p + 1;
+        const wchar_t* dot = wcsrchr(name, L'.');
+        s_moduleName =
+            Str::FromUtf16(name, static_cast<uint32_t>(dot != nullptr ? dot - name : wcslen(name)));
         InterlockedExchange(&s_known, 1);
     }
     return s_moduleName;

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <cwchar>
 
+#include "private/growbuffer.h"
+#include "private/system.h"
 #include "report.h"
 
 namespace {
@@ -105,22 +107,23 @@ bool AppendComponent(WStr& out, const wchar_t* text, uint32_t length) {
     return out.Append(text, length);
 }
 
-// UTF-8 to UTF-16; false (with the converter's last error) when a non-empty
-// text does not convert, so that it never silently becomes "".
-bool ToWide(const char* text, WStr& out) {
+// UTF-8 to UTF-16; the converter's error when a non-empty text does not
+// convert, so that it never silently becomes "".
+LONG ToWide(const char* text, WStr& out) {
     out = WStr();
     if (text == nullptr || *text == 0)
-        return true;
+        return ERROR_SUCCESS;
     out = WStr::FromUtf8(text, static_cast<uint32_t>(strlen(text)));
-    return !out.IsEmpty();
+    return out.IsEmpty() ? static_cast<LONG>(GetLastError()) : ERROR_SUCCESS;
 }
 
 // Value names: null stays null (the default value).
-bool ToWideName(const char* name, WStr& out, const wchar_t*& pointer) {
-    if (!ToWide(name, out))
-        return false;
-    pointer = name == nullptr ? nullptr : out.Text();
-    return true;
+LONG ToWideName(const char* name, WStr& out, const wchar_t*& pointer) {
+    pointer = nullptr;
+    const LONG status = ToWide(name, out);
+    if (status == ERROR_SUCCESS && name != nullptr)
+        pointer = out.Text();
+    return status;
 }
 
 const wchar_t* Find(const wchar_t* from, const wchar_t* end, wchar_t c) {
@@ -176,47 +179,10 @@ LONG CreateClassKey(const wchar_t* subkey, uint32_t length, REGSAM access, HKEY*
     return status;
 }
 
-// A decimal number with optional blanks around it that fits in 32 bits.
-bool ParseDecimal(const char* text, uint32_t& value) {
-    const char* p = text;
+const char* SkipBlanks(const char* p) {
     while (*p == ' ' || *p == '\t')
         ++p;
-    uint64_t number = 0;
-    const char* digits = p;
-    while (*p >= '0' && *p <= '9') {
-        number = number * 10 + static_cast<uint64_t>(*p - '0');
-        if (number > 0xFFFFFFFFull)
-            return false;
-        ++p;
-    }
-    if (p == digits)
-        return false;
-    while (*p == ' ' || *p == '\t')
-        ++p;
-    if (*p != 0)
-        return false;
-    value = static_cast<uint32_t>(number);
-    return true;
-}
-
-Str ExpandText(const wchar_t* text) {
-    DWORD need = ExpandEnvironmentStringsW(text, nullptr, 0);
-    for (int attempt = 0; attempt < 4 && need != 0; ++attempt) {
-        WStr buffer;
-        wchar_t* p = buffer.Reserve(need);
-        if (p == nullptr)
-            return Str();
-        const DWORD got = ExpandEnvironmentStringsW(text, p, need);
-        if (got == 0)
-            break;
-        if (got <= need) {
-            Str result = Str::FromUtf16(p, static_cast<uint32_t>(wcsnlen(p, need)));
-            SetLastError(ERROR_SUCCESS);
-            return result;
-        }
-        need = got; // the environment grew in between
-    }
-    return Str();
+    return p;
 }
 
 } // namespace
@@ -228,7 +194,7 @@ RegistryKeyPath ParseRegistryKeyPath(const char* path, const char* subpath) {
         subpath = nullptr;
     }
     WStr widePath, wideSubpath;
-    if (!ToWide(path, widePath) || !ToWide(subpath, wideSubpath))
+    if (ToWide(path, widePath) != ERROR_SUCCESS || ToWide(subpath, wideSubpath) != ERROR_SUCCESS)
         return result;
 
     const wchar_t* p = widePath.Text();
@@ -293,41 +259,43 @@ HKEY GetRegistryRootKey(const Str& root) {
     return nullptr;
 }
 
-HKEY OpenRegistryKey(const RegistryKeyPath& keyPath, uint32_t mode, uint32_t view) {
+// Every operation below computes one status, the result of its last registry
+// call (or of a conversion that failed), and the public function leaves it as
+// the thread's last error once, on its way out.
+namespace {
+
+LONG OpenKey(const RegistryKeyPath& keyPath, uint32_t mode, uint32_t view, HKEY* result) {
+    *result = nullptr;
     const HKEY root = GetRegistryRootKey(keyPath.root);
-    if (root == nullptr) {
-        SetLastError(ERROR_BAD_PATHNAME);
-        return nullptr;
-    }
-    if (mode > kRegistryWrite || view > kRegistryView64) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
+    if (root == nullptr)
+        return ERROR_BAD_PATHNAME;
+    if (mode > kRegistryWrite || view > kRegistryView64)
+        return ERROR_INVALID_PARAMETER;
 
     UniqueRegKey remote;
     HKEY base = root;
     if (!keyPath.machine.IsEmpty()) {
-        WStr machine(L"\\\\");
-        WStr name;
-        if (!ToWide(keyPath.machine.Text(), name))
-            return nullptr;
+        WStr machine(L"\\\\"), name;
+        LONG status = ToWide(keyPath.machine.Text(), name);
+        if (status != ERROR_SUCCESS)
+            return status;
         machine.Append(name);
-        const LONG status = RegConnectRegistryW(machine.Text(), root, remote.Put());
-        SetLastError(static_cast<DWORD>(status));
+        status = RegConnectRegistryW(machine.Text(), root, remote.Put());
         if (status != ERROR_SUCCESS) {
             remote.Detach();
-            return nullptr;
+            return status;
         }
         base = remote.Get();
     }
 
     if (keyPath.subkey.IsEmpty()) {
-        SetLastError(ERROR_SUCCESS);
-        return remote ? remote.Detach() : root;
+        *result = remote ? remote.Detach() : root;
+        return ERROR_SUCCESS;
     }
     WStr subkey;
-    if (!ToWide(keyPath.subkey.Text(), subkey))
-        return nullptr;
+    const LONG converted = ToWide(keyPath.subkey.Text(), subkey);
+    if (converted != ERROR_SUCCESS)
+        return converted;
 
     REGSAM access = mode == kRegistryWrite ? kWriteAccess : kReadAccess;
     if (view == kRegistryView32)
@@ -335,18 +303,119 @@ HKEY OpenRegistryKey(const RegistryKeyPath& keyPath, uint32_t mode, uint32_t vie
     else if (view == kRegistryView64)
         access |= KEY_WOW64_64KEY;
 
-    HKEY key = nullptr;
-    LONG status;
     if (mode != kRegistryWrite)
-        status = RegOpenKeyExW(base, subkey.Text(), 0, access, &key);
-    else if (root != HKEY_CLASSES_ROOT)
-        status =
-            RegCreateKeyExW(base, subkey.Text(), 0, nullptr, 0, access, nullptr, &key, nullptr);
-    else
-        status = CreateClassKey(subkey.Text(), subkey.Length(), access, &key);
-    remote.Reset();
+        return RegOpenKeyExW(base, subkey.Text(), 0, access, result);
+    if (root != HKEY_CLASSES_ROOT)
+        return RegCreateKeyExW(base, subkey.Text(), 0, nullptr, 0, access, nullptr, result,
+                               nullptr);
+    return CreateClassKey(subkey.Text(), subkey.Length(), access, result);
+}
+
+LONG ExpandText(const wchar_t* text, Str& result) {
+    WStr expanded;
+    if (!FillGrowing(
+            [text](wchar_t* buffer, uint32_t capacity, uint32_t* needed) {
+                *needed = ExpandEnvironmentStringsW(text, buffer, capacity);
+                return *needed != 0;
+            },
+            expanded))
+        return static_cast<LONG>(GetLastError());
+    result = Str::FromUtf16(expanded);
+    return ERROR_SUCCESS;
+}
+
+LONG QueryText(HKEY key, const char* valueName, Str& result) {
+    WStr nameBuffer;
+    const wchar_t* name = nullptr;
+    LONG status = ToWideName(valueName, nameBuffer, name);
+    if (status != ERROR_SUCCESS)
+        return status;
+    DWORD type = 0;
+    WStr data;
+    const bool read = FillGrowing(
+        [&](wchar_t* buffer, uint32_t capacity, uint32_t* needed) {
+            // One unit is kept back for a terminator: the data need not have one.
+            DWORD bytes = (capacity - 1) * sizeof(wchar_t);
+            status = RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer),
+                                      &bytes);
+            if (status == ERROR_MORE_DATA) {
+                *needed = bytes / sizeof(wchar_t) + 2;
+                return true;
+            }
+            if (status != ERROR_SUCCESS)
+                return false;
+            buffer[bytes / sizeof(wchar_t)] = 0;
+            *needed = static_cast<uint32_t>(wcslen(buffer)) + 1;
+            return true;
+        },
+        data);
+    if (!read)
+        return status != ERROR_SUCCESS ? status : static_cast<LONG>(GetLastError());
+    if (type == REG_EXPAND_SZ)
+        return ExpandText(data.Text(), result);
+    result = Str::FromUtf16(data);
+    return ERROR_SUCCESS;
+}
+
+LONG ReadNumber(const RegistryKeyPath& keyPath, const char* valueName, bool asNumber,
+                uint32_t& number) {
+    UniqueRegKey key;
+    LONG status = OpenKey(keyPath, kRegistryReadOnly, kRegistryViewNative, key.Put());
+    if (status != ERROR_SUCCESS)
+        return status;
+    if (!asNumber) {
+        Str text;
+        status = QueryText(key.Get(), valueName, text);
+        uint64_t value = 0;
+        const char* end = ParseDecimal(SkipBlanks(text.Text()), 0xFFFFFFFF, value);
+        if (status == ERROR_SUCCESS && end != nullptr && *SkipBlanks(end) == 0)
+            number = static_cast<uint32_t>(value);
+        return status;
+    }
+    WStr nameBuffer;
+    const wchar_t* name = nullptr;
+    status = ToWideName(valueName, nameBuffer, name);
+    if (status != ERROR_SUCCESS)
+        return status;
+    // Only a REG_DWORD of 4 bytes is a number; the type and size are asked first.
+    DWORD type = 0, size = 0, value = 0;
+    status = RegQueryValueExW(key.Get(), name, nullptr, &type, nullptr, &size);
+    if (status != ERROR_SUCCESS || type != REG_DWORD || size != sizeof value)
+        return status;
+    status =
+        RegQueryValueExW(key.Get(), name, nullptr, &type, reinterpret_cast<BYTE*>(&value), &size);
+    if (status == ERROR_SUCCESS && type == REG_DWORD && size == sizeof value)
+        number = value;
+    return status;
+}
+
+LONG WriteValue(const char* path, const char* subpath, const char* valueName, DWORD type,
+                const BYTE* data, DWORD size) {
+    WStr nameBuffer;
+    const wchar_t* name = nullptr;
+    LONG status = ToWideName(valueName, nameBuffer, name);
+    if (status != ERROR_SUCCESS)
+        return status;
+    UniqueRegKey key;
+    status = OpenKey(ParseRegistryKeyPath(path, subpath), kRegistryWrite, kRegistryViewNative,
+                     key.Put());
+    if (status != ERROR_SUCCESS)
+        return status;
+    return RegSetValueExW(key.Get(), name, 0, type, data, size);
+}
+
+// The public functions' one exit: the status becomes the thread's last error.
+template <class T> T Leave(LONG status, T result) {
     SetLastError(static_cast<DWORD>(status));
-    return status == ERROR_SUCCESS ? key : nullptr;
+    return result;
+}
+
+} // namespace
+
+HKEY OpenRegistryKey(const RegistryKeyPath& keyPath, uint32_t mode, uint32_t view) {
+    HKEY key = nullptr;
+    const LONG status = OpenKey(keyPath, mode, view, &key);
+    return Leave(status, key);
 }
 
 HKEY OpenRegistryKey(const char* path, const char* subpath, uint32_t mode, uint32_t view) {
@@ -355,159 +424,66 @@ HKEY OpenRegistryKey(const char* path, const char* subpath, uint32_t mode, uint3
 
 uint32_t ReadRegistryNumber(const char* path, const char* subpath, const char* valueName,
                             uint32_t defaultValue, bool asNumber) {
-    const RegistryKeyPath keyPath = ParseRegistryKeyPath(path, subpath);
-    if (keyPath.root.IsEmpty()) {
-        SetLastError(ERROR_BAD_PATHNAME);
-        return defaultValue;
-    }
-    UniqueRegKey key(OpenRegistryKey(keyPath, kRegistryReadOnly, kRegistryViewNative));
-    if (!key)
-        return defaultValue;
-
-    if (!asNumber) {
-        uint32_t number = 0;
-        const Str text = ReadRegistryText(key.Get(), valueName);
-        return ParseDecimal(text.Text(), number) ? number : defaultValue;
-    }
-
-    WStr nameBuffer;
-    const wchar_t* name = nullptr;
-    if (!ToWideName(valueName, nameBuffer, name))
-        return defaultValue;
-    DWORD type = 0, size = 0;
-    LONG status = RegQueryValueExW(key.Get(), name, nullptr, &type, nullptr, &size);
-    SetLastError(static_cast<DWORD>(status));
-    if (status != ERROR_SUCCESS || type != REG_DWORD || size != 4)
-        return defaultValue;
-    DWORD number = 0;
-    size = sizeof number;
-    status =
-        RegQueryValueExW(key.Get(), name, nullptr, &type, reinterpret_cast<BYTE*>(&number), &size);
-    SetLastError(static_cast<DWORD>(status));
-    if (status != ERROR_SUCCESS || type != REG_DWORD || size != 4)
-        return defaultValue;
-    return number;
+    uint32_t number = defaultValue;
+    const LONG status =
+        ReadNumber(ParseRegistryKeyPath(path, subpath), valueName, asNumber, number);
+    return Leave(status, number);
 }
 
 Str ReadRegistryText(HKEY key, const char* valueName) {
-    WStr nameBuffer;
-    const wchar_t* name = nullptr;
-    if (!ToWideName(valueName, nameBuffer, name))
-        return Str();
-    // The value may change between the size query and the read: try again then.
-    for (int attempt = 0; attempt < 4; ++attempt) {
-        DWORD type = 0, size = 0;
-        LONG status = RegQueryValueExW(key, name, nullptr, &type, nullptr, &size);
-        if (status != ERROR_SUCCESS || size < sizeof(wchar_t)) {
-            SetLastError(static_cast<DWORD>(status));
-            return Str();
-        }
-        const uint32_t units = size / sizeof(wchar_t);
-        WStr buffer;
-        wchar_t* p = buffer.Reserve(units);
-        if (p == nullptr)
-            return Str();
-        memset(p, 0, (static_cast<size_t>(units) + 1) * sizeof(wchar_t));
-        DWORD got = units * sizeof(wchar_t);
-        status = RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(p), &got);
-        if (status == ERROR_MORE_DATA)
-            continue;
-        if (status != ERROR_SUCCESS) {
-            SetLastError(static_cast<DWORD>(status));
-            return Str();
-        }
-        // Data need not be terminated: the zeroed unit after it ends the text.
-        const uint32_t length = static_cast<uint32_t>(wcsnlen(p, got / sizeof(wchar_t)));
-        p[length] = 0;
-        if (type == REG_EXPAND_SZ)
-            return ExpandText(p);
-        Str result = Str::FromUtf16(p, length);
-        SetLastError(ERROR_SUCCESS);
-        return result;
-    }
-    SetLastError(ERROR_MORE_DATA);
-    return Str();
+    Str text;
+    const LONG status = QueryText(key, valueName, text);
+    return Leave(status, text);
 }
 
 Str ReadRegistryTextAt(const char* path, const char* subpath, const char* valueName) {
-    UniqueRegKey key(OpenRegistryKey(ParseRegistryKeyPath(path, subpath), kRegistryReadOnly,
-                                     kRegistryViewNative));
-    if (!key)
-        return Str();
-    return ReadRegistryText(key.Get(), valueName);
+    UniqueRegKey key;
+    Str text;
+    LONG status = OpenKey(ParseRegistryKeyPath(path, subpath), kRegistryReadOnly,
+                          kRegistryViewNative, key.Put());
+    if (status == ERROR_SUCCESS)
+        status = QueryText(key.Get(), valueName, text);
+    key.Reset();
+    return Leave(status, text);
 }
-
-namespace {
-
-bool WriteValue(const char* path, const char* subpath, const char* valueName, DWORD type,
-                const BYTE* data, DWORD size) {
-    WStr nameBuffer;
-    const wchar_t* name = nullptr;
-    if (!ToWideName(valueName, nameBuffer, name))
-        return false;
-    UniqueRegKey key(
-        OpenRegistryKey(ParseRegistryKeyPath(path, subpath), kRegistryWrite, kRegistryViewNative));
-    if (!key)
-        return false;
-    const LONG status = RegSetValueExW(key.Get(), name, 0, type, data, size);
-    SetLastError(static_cast<DWORD>(status));
-    return status == ERROR_SUCCESS;
-}
-
-} // namespace
 
 bool WriteRegistryText(const char* path, const char* subpath, const char* valueName,
                        const char* text) {
     WStr wide;
-    if (!ToWide(text, wide))
-        return false;
-    return WriteValue(path, subpath, valueName, REG_SZ, reinterpret_cast<const BYTE*>(wide.Text()),
-                      wide.Length() * 2 + 2);
+    LONG status = ToWide(text, wide);
+    if (status == ERROR_SUCCESS)
+        status = WriteValue(path, subpath, valueName, REG_SZ,
+                            reinterpret_cast<const BYTE*>(wide.Text()), wide.Length() * 2 + 2);
+    return Leave(status, status == ERROR_SUCCESS);
 }
 
 bool WriteRegistryNumber(const char* path, const char* subpath, const char* valueName,
                          uint32_t number) {
     const DWORD value = number;
-    return WriteValue(path, subpath, valueName, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
-                      sizeof value);
+    const LONG status = WriteValue(path, subpath, valueName, REG_DWORD,
+                                   reinterpret_cast<const BYTE*>(&value), sizeof value);
+    return Leave(status, status == ERROR_SUCCESS);
 }
 
 bool RegistryValueExists(const char* path, const char* valueName) {
     WStr nameBuffer;
     const wchar_t* name = nullptr;
-    if (!ToWideName(valueName, nameBuffer, name))
-        return false;
-    UniqueRegKey key(OpenRegistryKey(ParseRegistryKeyPath(path, nullptr), kRegistryReadOnly,
-                                     kRegistryViewNative));
-    if (!key)
-        return false;
-    const LONG status = RegQueryValueExW(key.Get(), name, nullptr, nullptr, nullptr, nullptr);
-    SetLastError(static_cast<DWORD>(status));
-    return status == ERROR_SUCCESS;
+    UniqueRegKey key;
+    LONG status = ToWideName(valueName, nameBuffer, name);
+    if (status == ERROR_SUCCESS)
+        status = OpenKey(ParseRegistryKeyPath(path, nullptr), kRegistryReadOnly,
+                         kRegistryViewNative, key.Put());
+    if (status == ERROR_SUCCESS)
+        status = RegQueryValueExW(key.Get(), name, nullptr, nullptr, nullptr, nullptr);
+    key.Reset();
+    return Leave(status, status == ERROR_SUCCESS);
 }
 
 Str GetEnvironment(const char* name) {
-    WStr wideName;
-    if (name == nullptr || *name == 0 || !ToWide(name, wideName)) {
-        if (name == nullptr || *name == 0)
-            SetLastError(ERROR_INVALID_PARAMETER);
+    if (name == nullptr || *name == 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
         return Str();
     }
-    DWORD need = GetEnvironmentVariableW(wideName.Text(), nullptr, 0);
-    for (int attempt = 0; attempt < 4 && need > 1; ++attempt) {
-        WStr buffer;
-        wchar_t* p = buffer.Reserve(need);
-        if (p == nullptr)
-            return Str();
-        const DWORD got = GetEnvironmentVariableW(wideName.Text(), p, need);
-        if (got == 0)
-            break;
-        if (got < need) {
-            Str result = Str::FromUtf16(p, got);
-            SetLastError(ERROR_SUCCESS);
-            return result;
-        }
-        need = got;
-    }
-    return ReadRegistryTextAt("HKEY_ENVIRONMENT", nullptr, name);
+    const Str value = GetProcessEnvironment(name);
+    return value.IsEmpty() ? ReadRegistryTextAt("HKEY_ENVIRONMENT", nullptr, name) : value;
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "alloc.h"
+#include "private/utf8.h"
 #include "report.h"
 
 namespace {
@@ -546,40 +547,9 @@ uint32_t Utf8ToUtf16(const char* source, uint32_t count, wchar_t* destination, u
     for (uint64_t i = 0;;) {
         if (!terminated && i >= count)
             break;
-        const unsigned char lead = in[i];
-        uint32_t cp;
-        uint32_t length;
-        if (lead < 0x80) {
-            cp = lead;
-            length = 1;
-        } else if (lead < 0xC0 || lead >= 0xF8) {
-            SetLastError(ERROR_NO_UNICODE_TRANSLATION);
-            return 0;
-        } else if (lead < 0xE0) {
-            cp = lead & 0x1F;
-            length = 2;
-        } else if (lead < 0xF0) {
-            cp = lead & 0x0F;
-            length = 3;
-        } else {
-            cp = lead & 0x07;
-            length = 4;
-        }
-        for (uint32_t k = 1; k < length; ++k) {
-            // A terminator is never a continuation byte, so a zero-terminated
-            // source cannot be read past its end here.
-            if (!terminated && i + k >= count) {
-                SetLastError(ERROR_NO_UNICODE_TRANSLATION);
-                return 0;
-            }
-            const unsigned char next = in[i + k];
-            if ((next & 0xC0) != 0x80) {
-                SetLastError(ERROR_NO_UNICODE_TRANSLATION);
-                return 0;
-            }
-            cp = (cp << 6) | (next & 0x3F);
-        }
-        if (cp >= 0x110000) {
+        uint32_t cp = 0;
+        const uint32_t length = DecodeUtf8Sequence(in + i, terminated ? nullptr : in + count, cp);
+        if (length == 0) {
             SetLastError(ERROR_NO_UNICODE_TRANSLATION);
             return 0;
         }
@@ -602,7 +572,7 @@ uint32_t Utf8ToUtf16(const char* source, uint32_t count, wchar_t* destination, u
         }
         needed += units;
         i += length;
-        if (terminated && lead == 0)
+        if (terminated && cp == 0 && length == 1)
             break;
     }
     return static_cast<uint32_t>(needed);
@@ -697,27 +667,37 @@ void UpperCaseUtf8(char* text) {
             ++p;
             continue;
         }
-        // The lead byte says how long the sequence is; a lead without all of its
-        // continuation bytes, or a stray continuation byte, is passed over alone.
-        const uint32_t length = *p < 0xC0 ? 1 : *p < 0xE0 ? 2 : *p < 0xF0 ? 3 : *p < 0xF8 ? 4 : 1;
-        bool complete = length > 1;
-        for (uint32_t k = 1; complete && k < length; ++k)
-            complete = (p[k] & 0xC0) == 0x80;
-        if (!complete) {
+        // A broken sequence, or a stray byte, is passed over one byte at a time.
+        uint32_t cp = 0;
+        const uint32_t length = DecodeUtf8Sequence(p, nullptr, cp);
+        if (length == 0) {
             ++p;
             continue;
         }
-        wchar_t decoded[3] = {};
-        const uint32_t units = Utf8ToUtf16(reinterpret_cast<char*>(p), length, decoded, 2);
-        if (units == 1 && IsCharAlphaW(decoded[0])) {
+        if (cp < 0x10000 && IsCharAlphaW(static_cast<wchar_t>(cp))) {
             const auto upper = static_cast<wchar_t>(reinterpret_cast<ULONG_PTR>(
-                CharUpperW(reinterpret_cast<LPWSTR>(static_cast<ULONG_PTR>(decoded[0])))));
+                CharUpperW(reinterpret_cast<LPWSTR>(static_cast<ULONG_PTR>(cp)))));
             char encoded[4];
             if (Utf16ToUtf8(&upper, 1, encoded, sizeof encoded) == length)
                 memcpy(p, encoded, length);
         }
         p += length;
     }
+}
+
+const char* ParseDecimal(const char* text, uint64_t maximum, uint64_t& value) {
+    uint64_t number = 0;
+    const char* p = text;
+    for (; *p >= '0' && *p <= '9'; ++p) {
+        const uint64_t digit = static_cast<uint64_t>(*p - '0');
+        if (number > (maximum - digit) / 10 || digit > maximum)
+            return nullptr;
+        number = number * 10 + digit;
+    }
+    if (p == text)
+        return nullptr;
+    value = number;
+    return p;
 }
 
 Str StrFormatV(const char* format, va_list arguments) {

@@ -1,11 +1,15 @@
-// System functions: the process's argument list, split once from GetCommandLineW.
+// System functions: process initialisation and the process's argument list,
+// split once from GetCommandLineW.
 #include "private/system.h"
 
 #include <windows.h>
 
 #include <shellapi.h>
 
+#include <cstring>
 #include <new>
+
+#include "private/growbuffer.h"
 
 namespace {
 
@@ -41,6 +45,30 @@ const ArgumentList& Arguments() {
 }
 
 } // namespace
+
+void InitBaseLibrary() {}
+
+Str GetProcessEnvironment(const char* name) {
+    const WStr wideName =
+        WStr::FromUtf8(name != nullptr ? name : "", name != nullptr ? strlen(name) : 0);
+    if (wideName.IsEmpty()) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return Str();
+    }
+    WStr value;
+    const bool read = FillGrowing(
+        [&wideName](wchar_t* buffer, uint32_t capacity, uint32_t* needed) {
+            SetLastError(ERROR_SUCCESS);
+            const DWORD length = GetEnvironmentVariableW(wideName.Text(), buffer, capacity);
+            // 0 is an absent variable, or an empty one (no error).
+            if (length == 0 && GetLastError() != ERROR_SUCCESS)
+                return false;
+            *needed = length < capacity ? length + 1 : length;
+            return true;
+        },
+        value);
+    return read ? Str::FromUtf16(value) : Str();
+}
 
 Str CommandLineArgument(uint32_t index) {
     const ArgumentList& list = Arguments();

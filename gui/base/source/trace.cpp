@@ -4,6 +4,8 @@
 // here is best effort: a destination that fails is dropped silently.
 #include "trace.h"
 
+#include "datetime.h"
+
 #include "private/reportstate.h"
 
 #include <windows.h>
@@ -155,11 +157,7 @@ bool WriteToPipe(TraceChannel* channel, const char* line) {
 }
 
 void WriteStamped(FILE* stream, const char* line) {
-    SYSTEMTIME now;
-    GetLocalTime(&now);
-    fprintf(stream, "%04ld-%02ld-%02ld %02ld:%02ld:%02ld.%03ld: %s\n", (long)now.wYear,
-            (long)now.wMonth, (long)now.wDay, (long)now.wHour, (long)now.wMinute, (long)now.wSecond,
-            (long)now.wMilliseconds, line);
+    fprintf(stream, "%s: %s\n", LocalTimeText(kTimeTextStamp).Text(), line);
     fflush(stream);
 }
 

@@ -37,7 +37,7 @@ DWORD CurrentState() {
     SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
     DWORD state = 0;
     if (manager != nullptr) {
-        SC_HANDLE service = OpenServiceW(manager, GetServiceName().c_str(), SERVICE_QUERY_STATUS);
+        SC_HANDLE service = OpenServiceW(manager, GetServiceName().Text(), SERVICE_QUERY_STATUS);
         SERVICE_STATUS status{};
         if (service != nullptr && QueryServiceStatus(service, &status))
             state = status.dwCurrentState;

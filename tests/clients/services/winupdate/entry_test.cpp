@@ -133,14 +133,19 @@ TEST(Entry, InstallInAnyCaseRenamedCopiesAndLimitServiceText) {
             UniqueServiceHandle(OpenServiceW(manager.Get(), c.serviceName, SERVICE_ALL_ACCESS)));
         RemoveService(c.serviceName);
     }
+    const auto limit = [](size_t base, const wchar_t* suffix) {
+        const WStr joined = LimitServiceText(WStr(std::wstring(base, L'x').c_str()), WStr(suffix));
+        return std::wstring(joined.Text(), joined.Length());
+    };
     const std::wstring suffix = L" (24.7.0.57)"; // 12 characters
-    EXPECT_EQ(LimitServiceText(std::wstring(242, L'x'), suffix), std::wstring(242, L'x') + suffix);
+    EXPECT_EQ(limit(242, suffix.c_str()), std::wstring(242, L'x') + suffix);
     // 243 + 12 = 255 is not below 255: the whole suffix goes.
-    EXPECT_EQ(LimitServiceText(std::wstring(243, L'x'), suffix), std::wstring(243, L'x'));
-    EXPECT_EQ(LimitServiceText(std::wstring(300, L'x'), suffix), std::wstring(255, L'x'));
-    EXPECT_EQ(ServiceNameFromPath(L"C:\\x.y\\noext"), L"NOEXT");
-    EXPECT_EQ(ServiceNameFromPath(L"C:\\x\\" + std::wstring(300, L'a') + L".exe"),
-              std::wstring(255, L'A'));
+    EXPECT_EQ(limit(243, suffix.c_str()), std::wstring(243, L'x'));
+    EXPECT_EQ(limit(300, suffix.c_str()), std::wstring(255, L'x'));
+    EXPECT_STREQ(ServiceNameFromPath(WStr(L"C:\\x.y\\noext")).Text(), L"NOEXT");
+    EXPECT_STREQ(
+        ServiceNameFromPath(WStr((L"C:\\x\\" + std::wstring(300, L'a') + L".exe").c_str())).Text(),
+        std::wstring(255, L'A').c_str());
 }
 
 TEST(Install, RegistersUnquotedFromAPathWithBlanksAndRefusesASecondTime) {

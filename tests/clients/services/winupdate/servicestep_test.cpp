@@ -121,7 +121,7 @@ TEST_F(QueuePass, PolicyZeroLeavesEverythingUntouched) {
         bool runs;
     } cases[] = {
         {REG_NONE, nullptr, 0, true}, {REG_DWORD, &zero, 4, false}, {REG_DWORD, &one, 4, true},
-        {REG_DWORD, &two, 4, true},   {REG_SZ, L"0", 4, true},
+        {REG_DWORD, &two, 4, true},   {REG_SZ, L"0", 4, false},
     };
     for (const auto& c : cases) {
         const std::wstring stem = L"policy" + std::to_wstring(&c - cases);
