@@ -260,3 +260,32 @@ TEST(Registry, ClassKeysRedirection) {
         EXPECT_EQ((perUser ? user : machine).text, L"w");
     }
 }
+
+// The 32-bit view of the machine's software key is its Wow6432Node; the 64-bit
+// view and the process's own (64-bit) view are the key itself.
+TEST(Registry, ViewsReachTheirHalvesOfTheMachine) {
+    const std::wstring name = UniqueName(L"KvtView");
+    const std::string path = Narrow(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\" + name);
+    const std::pair<uint32_t, std::wstring> cases[] = {
+        {kRegistryViewNative, L"SOFTWARE\\" + name},
+        {kRegistryView32, L"SOFTWARE\\Wow6432Node\\" + name},
+        {kRegistryView64, L"SOFTWARE\\" + name}};
+    for (const auto& [view, where] : cases) {
+        SCOPED_TRACE(view);
+        g_cleanup.keys.emplace_back(HKEY_LOCAL_MACHINE, where);
+        UniqueRegKey key(OpenRegistryKey(path.c_str(), nullptr, kRegistryWrite, view));
+        ASSERT_TRUE(key) << GetLastError();
+        const DWORD value = view + 10;
+        ASSERT_EQ(RegSetValueExW(key.Get(), L"view", 0, REG_DWORD,
+                                 reinterpret_cast<const BYTE*>(&value), 4),
+                  0);
+        UniqueRegKey raw;
+        DWORD read = 0, size = 4;
+        EXPECT_TRUE(RegOpenKeyExW(HKEY_LOCAL_MACHINE, where.c_str(), 0, KEY_READ | KEY_WOW64_64KEY,
+                                  raw.Put()) == 0 &&
+                    RegQueryValueExW(raw.Get(), L"view", nullptr, nullptr,
+                                     reinterpret_cast<BYTE*>(&read), &size) == 0 &&
+                    read == value);
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, where.c_str());
+    }
+}

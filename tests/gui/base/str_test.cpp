@@ -16,7 +16,6 @@
 #include "report.h"
 #include "str.h"
 #include "testsupport.h"
-#include "trace.h"
 
 namespace {
 
@@ -32,24 +31,12 @@ const testing::Environment* const s_noBoxes = testing::AddGlobalTestEnvironment(
 constexpr DWORD kSentinel = 0xDEADBEEF;
 constexpr uint32_t kTerminated = 0xFFFFFFFFu;
 
-// The report lines written while a Reports lives.
-std::string s_reports;
-struct Reports {
-    Reports() {
-        s_reports.clear();
-        SetTraceHook(
-            [](const char* line, uint32_t) { return s_reports += line + std::string("\n"), true; });
-    }
-    ~Reports() { SetTraceHook(nullptr); }
-};
-bool Reported(const std::string& text) {
-    return s_reports.find(text) != std::string::npos;
-}
-void ExpectReport(const std::string& title, const char* name1, uint64_t value1, const char* name2,
-                  uint64_t value2) {
+using Reports = testsupport::ReportLines;
+void ExpectReport(const Reports& reports, const std::string& title, const char* name1,
+                  uint64_t value1, const char* name2, uint64_t value2) {
     for (const std::string& text :
          {title, name1 + (": " + std::to_string(value1)), name2 + (": " + std::to_string(value2))})
-        EXPECT_TRUE(Reported(text)) << text << " not in\n" << s_reports;
+        EXPECT_TRUE(reports.Contains(text)) << text;
 }
 
 // Allocations of at least `threshold` bytes fail and are recorded, so the sizes
@@ -114,7 +101,8 @@ TEST(StrCapacity, SizeClassesAndHugeRequestFailureReports) {
         EXPECT_EQ(GetLastError(), 14u);
         EXPECT_EQ(AllocSpy::failed, 1u);
         EXPECT_EQ(AllocSpy::lastFailed, c.wide ? c.capacity * 2 + 16 : c.capacity + 16);
-        ExpectReport(std::string(c.wide ? "QELGUI-00600" : "QELGUI-00001") +
+        ExpectReport(reports,
+                     std::string(c.wide ? "QELGUI-00600" : "QELGUI-00001") +
                          ": String allocation failed",
                      "bytes", uint64_t(c.request) * (c.wide ? 2 : 1) + 16, "codeunits", c.request);
     }
@@ -199,12 +187,12 @@ TEST(StrAppend, OverflowIsReportedAndLeavesTheTarget) {
         EXPECT_EQ(target.Length(), c.length1);
         EXPECT_STREQ(target.Text(), "target");
         EXPECT_EQ(AllocSpy::lastFailed, c.bytes);
-        EXPECT_EQ(Reported("String allocation failed"), c.bytes != 0);
-        EXPECT_EQ(Reported("String overflow detected"), c.bytes == 0);
+        EXPECT_EQ(reports.Contains("String allocation failed"), c.bytes != 0);
+        EXPECT_EQ(reports.Contains("String overflow detected"), c.bytes == 0);
         if (c.bytes != 0)
             continue;
-        ExpectReport("QELGUI-00002: String overflow detected", "length1", c.length1, "length2",
-                     c.length2);
+        ExpectReport(reports, "QELGUI-00002: String overflow detected", "length1", c.length1,
+                     "length2", c.length2);
         // The raw-text form checks the same sum before it reads the text.
         EXPECT_FALSE(target.Append("zz", c.length2));
         EXPECT_EQ(target.Block(), block);
