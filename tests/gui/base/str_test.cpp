@@ -61,9 +61,11 @@ struct AllocSpy {
         threshold = limit;
         lastFailed = failed = calls = 0;
         static const AllocSeams seams = {[](size_t bytes) {
-            ++calls;
-            return bytes >= threshold && (lastFailed = bytes, ++failed);
-        }};
+                                             ++calls;
+                                             return bytes >= threshold &&
+                                                    (lastFailed = bytes, ++failed);
+                                         },
+                                         nullptr};
         SetAllocSeamsForTesting(&seams);
     }
     ~AllocSpy() { SetAllocSeamsForTesting(nullptr); }
