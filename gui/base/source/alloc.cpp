@@ -66,6 +66,7 @@ struct alignas(128) ParticleClass {
     BlockDescriptor* blocks;
     uint32_t size;
     uint64_t lockEntries;
+    uint64_t moved;
 };
 
 // The slot's value for a thread whose table is gone: it uses the shared table.
@@ -122,6 +123,7 @@ void PushToClass(ParticleClass& c, void* first, void* last, uint32_t n) {
     LinkOf(last, c.size) = c.head;
     c.head = first;
     c.freeCount += n;
+    c.moved += n;
     LeaveClassLock(c);
 }
 
@@ -342,6 +344,7 @@ void* AllocParticleList(ParticleList* list) {
         c.head = LinkOf(last, size);
     }
     c.freeCount -= batch;
+    c.moved += batch;
     LeaveClassLock(c);
     LinkOf(last, size) = list->head;
     list->head = LinkOf(first, size);
@@ -363,14 +366,67 @@ void FreeParticleList(ParticleList* list) {
     PushToClass(ClassOf(list->size), first, last, n);
 }
 
-void* HeapAllocKeepingError(size_t bytes) {
+// The slow ways out of the fast paths below stay out of line, so that the
+// fast paths need no stack frame and reach them by a jump.
+#define KVT_SLOW_PATH __attribute__((noinline, cold))
+
+KVT_SLOW_PATH void* HeapAllocKeepingError(size_t bytes) {
     LastErrorKeeper keep;
     return HeapAlloc(GetProcessHeap(), 0, bytes == 0 ? 1 : bytes);
 }
 
-void HeapFreeKeepingError(void* pointer) {
+KVT_SLOW_PATH void HeapFreeKeepingError(void* pointer) {
+    if (pointer == nullptr)
+        return;
     LastErrorKeeper keep;
     HeapFree(GetProcessHeap(), 0, pointer);
+}
+
+KVT_SLOW_PATH void* Refill(ParticleList* list) {
+    return AllocParticleList(list);
+}
+
+KVT_SLOW_PATH void GiveBack(ParticleList* list) {
+    FreeParticleList(list);
+}
+
+inline void* AllocFrom(ThreadTable* table, size_t bytes) {
+    ParticleList* list = table->entries[bytes <= kLargest ? bytes : 0];
+    if (__builtin_expect(list == nullptr, 0))
+        return HeapAllocKeepingError(bytes);
+    void* particle = list->head;
+    if (__builtin_expect(particle == nullptr, 0))
+        return Refill(list);
+    list->head = LinkOf(particle, list->size);
+    --list->count;
+    return particle;
+}
+
+inline void FreeTo(ThreadTable* table, size_t bytes, void* pointer) {
+    ParticleList* list = table->entries[bytes <= kLargest ? bytes : 0];
+    if (__builtin_expect(list == nullptr, 0))
+        return HeapFreeKeepingError(pointer);
+    if (pointer == nullptr)
+        return;
+    LinkOf(pointer, list->size) = list->head;
+    list->head = pointer;
+    if (__builtin_expect(++list->count > list->limit, 0))
+        GiveBack(list);
+}
+
+KVT_SLOW_PATH void* AllocSlowly(size_t bytes) {
+    const AllocSeams* seams = s_seams.Get();
+    if (seams != nullptr && seams->failAllocation != nullptr && seams->failAllocation(bytes)) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    ThreadTable* table = FastTable();
+    return AllocFrom(table == nullptr || table == kRetired ? TableForAllocation() : table, bytes);
+}
+
+KVT_SLOW_PATH void FreeSlowly(size_t bytes, void* pointer) {
+    if (ThreadTable* table = TableForRelease())
+        FreeTo(table, bytes, pointer);
 }
 
 } // namespace
@@ -380,44 +436,17 @@ void SetAllocSeamsForTesting(const AllocSeams* seams) {
 }
 
 void* AllocParticle(size_t bytes) {
-    const AllocSeams* seams = s_seams.Get();
-    if (seams != nullptr && seams->failAllocation != nullptr && seams->failAllocation(bytes)) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
     ThreadTable* table = FastTable();
-    if (table == nullptr || table == kRetired)
-        table = TableForAllocation();
-    ParticleList* list = table->entries[bytes <= kLargest ? bytes : 0];
-    if (list == nullptr)
-        return HeapAllocKeepingError(bytes);
-    void* particle = list->head;
-    if (particle == nullptr)
-        return AllocParticleList(list);
-    list->head = LinkOf(particle, list->size);
-    --list->count;
-    return particle;
+    if (__builtin_expect(table == nullptr || table == kRetired || s_seams.Get() != nullptr, 0))
+        return AllocSlowly(bytes);
+    return AllocFrom(table, bytes);
 }
 
 void FreeParticle(size_t bytes, void* pointer) {
     ThreadTable* table = FastTable();
-    if (table == nullptr || table == kRetired) {
-        table = TableForRelease();
-        if (table == nullptr)
-            return;
-    }
-    ParticleList* list = table->entries[bytes <= kLargest ? bytes : 0];
-    if (list == nullptr) {
-        if (pointer != nullptr)
-            HeapFreeKeepingError(pointer);
-        return;
-    }
-    if (pointer == nullptr)
-        return;
-    LinkOf(pointer, list->size) = list->head;
-    list->head = pointer;
-    if (++list->count > list->limit)
-        FreeParticleList(list);
+    if (__builtin_expect(table == nullptr || table == kRetired, 0))
+        return FreeSlowly(bytes, pointer);
+    FreeTo(table, bytes, pointer);
 }
 
 void CheckParticleManagement() {
@@ -452,6 +481,7 @@ bool GetParticleStats(uint32_t bytes, ParticleStats& stats) {
              __atomic_load_n(&c.total, __ATOMIC_RELAXED),
              __atomic_load_n(&c.freeCount, __ATOMIC_RELAXED),
              __atomic_load_n(&c.lockEntries, __ATOMIC_RELAXED),
+             __atomic_load_n(&c.moved, __ATOMIC_RELAXED),
              0};
     for (const BlockDescriptor* b = newest; b != nullptr; b = b->next)
         ++stats.blocks;

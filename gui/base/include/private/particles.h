@@ -14,6 +14,7 @@ struct ParticleStats {
     uint64_t total;          // particles created
     uint64_t sharedFree;     // particles in the shared chain
     uint64_t lockEntries;    // entries into the class lock
+    uint64_t moved;          // particles moved between threads' lists and the shared chain
     uint32_t threadFree;     // on the calling thread's own list (0 without one)
 };
 
