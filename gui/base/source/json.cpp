@@ -297,6 +297,38 @@ const char* PutCharacters(const unsigned char*& p, const unsigned char* end, cha
     return nullptr;
 }
 
+// A record writer is reset for every record: keep an unshared block and its
+// capacity rather than allocate anew (and touch fresh pages) each time.
+void ResetWriter(Str& writer) {
+    StrBlock* block = writer.Block();
+    if (block != nullptr && Reference::Count(block) < 2) {
+        block->length = 0;
+        block->text[0] = 0;
+    } else {
+        writer.Clear();
+    }
+}
+
+// Sixteen ASCII bytes at p, none the lead of a longer character (16 bytes and
+// the next one readable, room for 16 escapes): copied whole when they are all
+// run bytes, else byte by byte through the escape table. False for others.
+inline bool PutAsciiBlock(const unsigned char*& p, char*& out) {
+    if (IsContinuation(p[16]))
+        return false;
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    if (StopMask(bytes) == 0) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), bytes);
+        out += 16;
+    } else if (_mm_movemask_epi8(bytes) == 0) {
+        for (int i = 0; i < 16; ++i)
+            out = PutByte(out, p[i]);
+    } else {
+        return false;
+    }
+    p += 16;
+    return true;
+}
+
 } // namespace
 
 bool WriteJsonString(const char* text, Str& writer, Str* error, bool append) {
@@ -306,17 +338,8 @@ bool WriteJsonString(const char* text, Str& writer, Str* error, bool append) {
     if (text != nullptr && writer.Block() != nullptr && text >= writer.Text() &&
         text <= writer.Text() + writer.Capacity())
         held = writer;
-    if (!append) {
-        // A record writer is reset for every record: keep an unshared block and
-        // its capacity rather than allocate anew (and touch fresh pages) each time.
-        StrBlock* block = writer.Block();
-        if (block != nullptr && Reference::Count(block) < 2) {
-            block->length = 0;
-            block->text[0] = 0;
-        } else {
-            writer.Clear();
-        }
-    }
+    if (!append)
+        ResetWriter(writer);
 
     const auto* p = reinterpret_cast<const unsigned char*>(text != nullptr ? text : "");
     const size_t total = MeasureText(reinterpret_cast<const char*>(p));
@@ -330,24 +353,8 @@ bool WriteJsonString(const char* text, Str& writer, Str* error, bool append) {
     *out++ = '"';
     const char* message = nullptr;
     while (p < end) {
-        if (end - p >= 16 && pending + kPendingBytes - out >= 16 * 6 + 2 &&
-            !IsContinuation(p[16])) {
-            // Sixteen ASCII bytes: copied whole when they are all run bytes,
-            // else byte by byte through the escape table.
-            const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-            if (StopMask(bytes) == 0) {
-                _mm_storeu_si128(reinterpret_cast<__m128i*>(out), bytes);
-                out += 16;
-                p += 16;
-                continue;
-            }
-            if (_mm_movemask_epi8(bytes) == 0) {
-                for (int i = 0; i < 16; ++i)
-                    out = PutByte(out, p[i]);
-                p += 16;
-                continue;
-            }
-        }
+        if (end - p >= 16 && pending + kPendingBytes - out >= 16 * 6 + 2 && PutAsciiBlock(p, out))
+            continue;
         if (IsRunByte(*p)) {
             const unsigned char* run = p;
             p = ScanRun(p + 1, end);
