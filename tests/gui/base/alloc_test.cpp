@@ -77,6 +77,9 @@ TEST(ParticleClasses, SizesUpTo1024AreParticlesOfTheirClassAndKeepTheLastError) 
                 EXPECT_EQ(ParticleSizeOf(p), Enabled() ? row.particle : 0u);
                 FreeParticle(row.bytes, p);
                 EXPECT_EQ(GetLastError(), kSentinel);
+                // A free particle's link is in its last 8 bytes; the rest stays as it was.
+                for (size_t i = 0; Enabled() && i + 8 < row.particle && i < row.bytes; ++i)
+                    ASSERT_EQ(static_cast<unsigned char*>(p)[i], 0xA5) << "byte " << i;
                 FreeParticle(row.bytes, nullptr);
                 EXPECT_EQ(GetLastError(), kSentinel);
             });
