@@ -5,11 +5,16 @@
 // and spread (min..max).
 #pragma once
 
+#include <windows.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "benchclock.h"
 
 struct Contender {
     std::string name;
@@ -66,4 +71,30 @@ inline RowOutcome RunRow(const std::string& row, const std::vector<Contender>& c
     }
     fflush(stdout);
     return outcome;
+}
+
+// `piece` repeated to `bytes` of UTF-8, cut before a character that would not fit.
+inline std::string RepeatText(const char* piece, size_t bytes) {
+    std::string text;
+    while (text.size() < bytes)
+        text += piece;
+    size_t cut = bytes;
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80)
+        --cut;
+    return text.substr(0, cut);
+}
+
+// Nanoseconds per item of `calls` calls of `run`, each over `itemsPerCall`
+// items; run returns a size that must not be 0 (it also keeps the work alive).
+template <class Run> double NsPerItem(uint64_t calls, uint64_t itemsPerCall, Run run) {
+    LARGE_INTEGER rate, start, end;
+    QueryPerformanceFrequency(&rate);
+    uint64_t sink = 0;
+    QueryPerformanceCounter(&start);
+    for (uint64_t i = 0; i < calls; ++i)
+        sink += run();
+    QueryPerformanceCounter(&end);
+    if (sink == 0)
+        printf("the run produced nothing\n");
+    return Seconds(start, end, rate) * 1e9 / static_cast<double>(calls * itemsPerCall);
 }

@@ -47,36 +47,13 @@ const struct {
               "\xf0\x9f\x8e\x89"},
 };
 
-std::string Repeat(const char* piece, size_t bytes) {
-    std::string text;
-    while (text.size() < bytes)
-        text += piece;
-    size_t cut = bytes; // never inside a character
-    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80)
-        --cut;
-    return text.substr(0, cut);
-}
-
-template <class Write> double Time(uint64_t calls, uint64_t bytes, Write write) {
-    LARGE_INTEGER rate, start, end;
-    QueryPerformanceFrequency(&rate);
-    uint64_t sink = 0;
-    QueryPerformanceCounter(&start);
-    for (uint64_t i = 0; i < calls; ++i)
-        sink += write();
-    QueryPerformanceCounter(&end);
-    if (sink == 0)
-        printf("nothing written\n");
-    return Seconds(start, end, rate) * 1e9 / static_cast<double>(calls * bytes);
-}
-
 } // namespace
 
 int main() {
     std::string misses;
     for (const auto& inputClass : kClasses)
         for (const bool record : {false, true}) {
-            const std::string text = Repeat(inputClass.piece, record ? 128 : 1 << 20);
+            const std::string text = RepeatText(inputClass.piece, record ? 128 : 1 << 20);
             const uint64_t calls = record ? 1 << 17 : 16;
             Str writer, error;
             if (!WriteJsonString(text.c_str(), writer, &error, false)) {
@@ -84,7 +61,7 @@ int main() {
                 return 1;
             }
             std::vector<Contender> contenders = {{"WriteJsonString", [&] {
-                                                      return Time(calls, text.size(), [&] {
+                                                      return NsPerItem(calls, text.size(), [&] {
                                                           WriteJsonString(text.c_str(), writer,
                                                                           &error, false);
                                                           return writer.Length();
@@ -98,7 +75,7 @@ int main() {
             contenders.push_back(
                 {"RapidJSON (validating, ASCII)",
                  [&] {
-                     return Time(calls, text.size(), [&] {
+                     return NsPerItem(calls, text.size(), [&] {
                          buffer.Clear();
                          rapid.Reset(buffer);
                          rapid.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
@@ -109,8 +86,9 @@ int main() {
 #endif
             const nlohmann::json value = text;
             contenders.push_back({"nlohmann-json (ensure_ascii)", [&] {
-                                      return Time(calls, text.size(),
-                                                  [&] { return value.dump(-1, ' ', true).size(); });
+                                      return NsPerItem(calls, text.size(), [&] {
+                                          return value.dump(-1, ' ', true).size();
+                                      });
                                   }});
             misses += RunRow(std::string("WriteJsonString, ") + inputClass.name +
                                  (record ? ", 128-byte records" : ", 1 MiB") + " (ns per byte)",

@@ -54,34 +54,11 @@ const Script kScripts[] = {
      "\x91\xe3\x83\x83\xe3\x82\xb1\xe3\x83\xbc\xe3\x82\xb8.msi"},
 };
 
-std::string Repeat(const char* piece, size_t bytes) {
-    std::string text;
-    while (text.size() < bytes)
-        text += piece;
-    size_t cut = bytes; // never inside a character
-    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80)
-        --cut;
-    return text.substr(0, cut);
-}
-
 std::wstring Wide(const std::string& text) {
     std::wstring wide(text.size(), L'\0');
     wide.resize(MultiByteToWideChar(CP_UTF8, 0, text.data(), int(text.size()), wide.data(),
                                     int(wide.size())));
     return wide;
-}
-
-template <class Convert> double Time(uint64_t calls, uint64_t unitsPerCall, Convert convert) {
-    LARGE_INTEGER rate, start, end;
-    QueryPerformanceFrequency(&rate);
-    uint64_t sink = 0;
-    QueryPerformanceCounter(&start);
-    for (uint64_t i = 0; i < calls; ++i)
-        sink += convert();
-    QueryPerformanceCounter(&end);
-    if (sink == 0)
-        printf("conversion failed\n");
-    return Seconds(start, end, rate) * 1e9 / static_cast<double>(calls * unitsPerCall);
 }
 
 } // namespace
@@ -90,7 +67,7 @@ int main() {
     std::string misses;
     for (const Script& script : kScripts)
         for (const bool path : {false, true}) {
-            const std::string utf8 = path ? script.path : Repeat(script.prose, 1 << 20);
+            const std::string utf8 = path ? script.path : RepeatText(script.prose, 1 << 20);
             const std::wstring utf16 = Wide(utf8);
             const uint64_t calls = path ? 1 << 18 : 24;
             std::vector<char> bytes(utf8.size() + 64);
@@ -102,14 +79,14 @@ int main() {
             misses += RunRow("UTF-16 -> UTF-8, " + what + " (ns per unit)",
                              {{"Utf16ToUtf8",
                                [&] {
-                                   return Time(calls, n16, [&] {
+                                   return NsPerItem(calls, n16, [&] {
                                        return Utf16ToUtf8(utf16.data(), n16, bytes.data(),
                                                           uint32_t(bytes.size()));
                                    });
                                }},
                               {"WideCharToMultiByte",
                                [&] {
-                                   return Time(calls, n16, [&] {
+                                   return NsPerItem(calls, n16, [&] {
                                        return WideCharToMultiByte(
                                            CP_UTF8, WC_ERR_INVALID_CHARS, utf16.data(), int(n16),
                                            bytes.data(), int(bytes.size()), nullptr, nullptr);
@@ -120,14 +97,14 @@ int main() {
             misses += RunRow("UTF-8 -> UTF-16, " + what + " (ns per byte)",
                              {{"Utf8ToUtf16",
                                [&] {
-                                   return Time(calls, n8, [&] {
+                                   return NsPerItem(calls, n8, [&] {
                                        return Utf8ToUtf16(utf8.data(), n8, units.data(),
                                                           uint32_t(units.size()));
                                    });
                                }},
                               {"MultiByteToWideChar",
                                [&] {
-                                   return Time(calls, n8, [&] {
+                                   return NsPerItem(calls, n8, [&] {
                                        return MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS,
                                                                   utf8.data(), int(n8),
                                                                   units.data(), int(units.size()));
