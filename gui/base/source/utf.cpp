@@ -341,6 +341,17 @@ uint32_t DecodeUtf8(const unsigned char* p, const unsigned char* end, uint16_t* 
         if (room >= stretch + 3) { // never more units than bytes taken
             for (const unsigned char* stop = p + stretch; p < stop;) {
                 if (*p < 0x80) {
+                    // Four ASCII bytes at once where there are four.
+                    uint32_t four;
+                    if (end - p >= 4 && (memcpy(&four, p, 4), (four & 0x80808080u) == 0)) {
+                        if constexpr (kWrite)
+                            _mm_storel_epi64(reinterpret_cast<__m128i*>(out + needed),
+                                             _mm_unpacklo_epi8(_mm_cvtsi32_si128(int(four)),
+                                                               _mm_setzero_si128()));
+                        needed += 4;
+                        p += 4;
+                        continue;
+                    }
                     if constexpr (kWrite)
                         out[needed] = *p;
                     ++needed;
