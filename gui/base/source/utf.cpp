@@ -234,10 +234,53 @@ inline uint32_t PutBelow800(__m128i c, unsigned char* out) {
     return kGathers.length[ones];
 }
 
+// Copies up to 16 bytes with two overlapping stores at most, nothing past them.
+inline void PutExactly(unsigned char* out, const unsigned char* bytes, uint32_t length) {
+    if (length >= 8) {
+        memcpy(out, bytes, 8);
+        memcpy(out + length - 8, bytes + length - 8, 8);
+    } else if (length >= 4) {
+        memcpy(out, bytes, 4);
+        memcpy(out + length - 4, bytes + length - 4, 4);
+    } else {
+        for (uint32_t i = 0; i < length; ++i)
+            out[i] = bytes[i];
+    }
+}
+
+// The last n (1 to 7) units of the text at p, followed by zero units: from
+// the eight that end the text when the text has eight, else one by one.
+inline __m128i LastUnits(const uint16_t* p, uint32_t n, const uint16_t* begin) {
+    if (p + n - 8 >= begin) {
+        const __m128i last = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + n - 8));
+        switch (8 - n) { // shifts by whole units, toward the start
+        case 1:
+            return _mm_srli_si128(last, 2);
+        case 2:
+            return _mm_srli_si128(last, 4);
+        case 3:
+            return _mm_srli_si128(last, 6);
+        case 4:
+            return _mm_srli_si128(last, 8);
+        case 5:
+            return _mm_srli_si128(last, 10);
+        case 6:
+            return _mm_srli_si128(last, 12);
+        default:
+            return _mm_srli_si128(last, 14);
+        }
+    }
+    alignas(16) uint16_t padded[8] = {};
+    for (uint32_t k = 0; k < n; ++k) // a loop, not a call: n is small
+        padded[k] = p[k];
+    return _mm_load_si128(reinterpret_cast<const __m128i*>(padded));
+}
+
 // Converts (kWrite) or measures [p, end); limit is the capacity, or kMax32 when measuring.
 template <bool kWrite, bool kShuffle = false>
 uint32_t EncodeUtf8(const uint16_t* p, const uint16_t* end, unsigned char* out, uint64_t limit) {
     const __m128i nonAscii = _mm_set1_epi16(static_cast<short>(0xFF80));
+    const uint16_t* const begin = p;
     uint64_t needed = 0;
     while (p < end) {
         const uint64_t room = limit - needed;
@@ -247,10 +290,7 @@ uint32_t EncodeUtf8(const uint16_t* p, const uint16_t* end, unsigned char* out, 
         if (n == 8) {
             units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
         } else { // the end of the text, padded with zero units
-            alignas(16) uint16_t padded[8] = {};
-            for (uint32_t k = 0; k < n; ++k) // a loop, not a call: n is small
-                padded[k] = p[k];
-            units = _mm_load_si128(reinterpret_cast<const __m128i*>(padded));
+            units = LastUnits(p, n, begin);
         }
         // Eight units or more after these cover the excess of the 16-byte store.
         if (kShuffle && left >= 16 && room >= 16 &&
@@ -266,11 +306,13 @@ uint32_t EncodeUtf8(const uint16_t* p, const uint16_t* end, unsigned char* out, 
             room >= n) {
             if constexpr (kWrite) {
                 const __m128i bytes = _mm_packus_epi16(units, units);
-                if (n == 8)
+                if (n == 8) {
                     _mm_storel_epi64(reinterpret_cast<__m128i*>(out + needed), bytes);
-                else
-                    for (uint32_t k = 0; k < n; ++k)
-                        out[needed + k] = static_cast<unsigned char>(p[k]);
+                } else {
+                    alignas(16) unsigned char packed[16];
+                    _mm_store_si128(reinterpret_cast<__m128i*>(packed), bytes);
+                    PutExactly(out + needed, packed, n);
+                }
             }
             p += n;
             needed += n;
