@@ -216,6 +216,18 @@ struct Gathers {
 };
 constexpr Gathers kGathers;
 
+// Which of eight units take one byte (bit k: unit k).
+inline uint32_t OneByteUnits(__m128i c) {
+    const __m128i one = _mm_cmpeq_epi16(
+        _mm_and_si128(c, _mm_set1_epi16(static_cast<short>(0xFF80))), _mm_setzero_si128());
+    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(one, one)) & 0xFF);
+}
+
+// The UTF-8 length of eight units below 0x800.
+inline uint32_t Below800Length(__m128i c) {
+    return kGathers.length[OneByteUnits(c)];
+}
+
 // Eight units below 0x800 as one 16-byte store, up to 8 bytes of it past
 // their UTF-8 (which the caller has room for and writes over later).
 inline uint32_t PutBelow800(__m128i c, unsigned char* out) {
@@ -292,11 +304,13 @@ uint32_t EncodeUtf8(const uint16_t* p, const uint16_t* end, unsigned char* out, 
         } else { // the end of the text, padded with zero units
             units = LastUnits(p, n, begin);
         }
-        // Eight units or more after these cover the excess of the 16-byte store.
-        if (kShuffle && left >= 16 && room >= 16 &&
+        // The units after these (one byte each at least) must cover the
+        // excess of the 16-byte store.
+        if (kShuffle && n == 8 && room >= 16 &&
             _mm_movemask_epi8(
                 _mm_cmpeq_epi16(_mm_and_si128(units, _mm_set1_epi16(static_cast<short>(0xF800))),
-                                _mm_setzero_si128())) == 0xFFFF) {
+                                _mm_setzero_si128())) == 0xFFFF &&
+            (left >= 16 || left - 8 >= 16 - Below800Length(units))) {
             needed += PutBelow800(units, out + needed);
             p += 8;
             continue;
