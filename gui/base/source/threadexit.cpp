@@ -72,12 +72,13 @@ void NTAPI OnThreadNotice(PVOID, DWORD reason, PVOID) {
 
 } // namespace
 
-// The loader calls the executable's TLS callbacks in section-name order; this
-// one sorts before the runtime's own (.CRT$XLC and later), so the clean-ups
-// run while the thread's runtime state still stands.
+// The loader calls the executable's TLS callbacks in section-name order. The
+// runtime destroys C++ thread_local objects from .CRT$XLB (blocks they free
+// still reach the thread's lists) and the threads library frees the storage
+// of thread variables from .CRT$XLF; the clean-ups run in between.
 extern "C" {
 extern const IMAGE_TLS_DIRECTORY _tls_used;
-__attribute__((section(".CRT$XLB"), used)) extern const PIMAGE_TLS_CALLBACK kvt_threadExitCallback =
+__attribute__((section(".CRT$XLE"), used)) extern const PIMAGE_TLS_CALLBACK kvt_threadExitCallback =
     OnThreadNotice;
 // Without a reference to the TLS directory the linker may leave it out.
 __attribute__((used)) const void* const kvt_tlsDirectory = &_tls_used;
