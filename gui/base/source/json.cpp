@@ -232,6 +232,22 @@ inline uint32_t Decode(unsigned char lead, uint32_t next, uint32_t n, bool& bad)
     return value;
 }
 
+// Five characters of three bytes at p, written when none is malformed.
+inline bool PutFiveOfThree(const unsigned char* p, char*& out) {
+    uint32_t values[5];
+    bool bad = false;
+    for (uint32_t k = 0; k < 5; ++k, p += 3) {
+        const uint32_t value = (p[0] & 0x0Fu) << 12 | (p[1] & 0x3Fu) << 6 | (p[2] & 0x3Fu);
+        bad |= (value - 0xD800 < 0x800) | (value < 0x800);
+        values[k] = value;
+    }
+    if (bad) // found again, with its description, one by one
+        return false;
+    for (const uint32_t value : values)
+        out = PutUnit(out, value);
+    return true;
+}
+
 // Writes the characters from p on (the first one even when it starts with a
 // run byte: one followed by continuation bytes) until a run of two bytes or
 // more starts, the text ends, the pending bytes pass `full` or a character is
@@ -248,6 +264,13 @@ const char* PutCharacters(const unsigned char*& p, const unsigned char* end, cha
         const auto continuing =
             static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmplt_epi8(window, _mm_set1_epi8(-64))));
         uint32_t starts = (~continuing & 0xFFFF) | 1;
+        // Five characters of three bytes each, the common case of East Asian
+        // text, without finding their bounds one by one.
+        if (starts == 0x9249 && out + 5 * 6 + 2 <= full + kLongestEscape &&
+            PutFiveOfThree(p, out)) {
+            p += 15;
+            continue;
+        }
         uint32_t at = 0;
         for (uint32_t rest; (rest = starts & (starts - 1)) != 0; starts = rest) {
             const auto next = static_cast<uint32_t>(__builtin_ctz(rest));

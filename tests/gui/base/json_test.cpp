@@ -52,6 +52,10 @@ const Case kCases[] = {
     {"\xc3\x80\x80\x80", "\"\\udac0\\udc00\""},
     {"xyA\x80", "\"xy\"", kJsonUtf8Length},                       // ASCII lead of a continuation
     {"0123456789abcdeA\x80", "\"0123456789abcde\"", kJsonUtf8Length}, // ... ending 16 bytes
+    {"\xe6\x9b\xb4\xe6\x96\xb0\xe3\x83\x91\xe3\x83\x83\xed\xa0\x80", // five of three bytes
+     "\"\\u66f4\\u65b0\\u30d1\\u30c3\"", kJsonUtf8Surrogate},
+    {"\xe6\x9b\xb4\xd0\x80\x80\xe3\x83\x91\xe3\x83\x83\xe3\x83\x83", "\"\\u66f4\"",
+     kJsonUtf8Length},
     {"", "\"\""}, {nullptr, "\"\""},
     {"\xc0\x80", "\"\"", kJsonUtf8Length, nullptr, false, kJsonUtf8Length}, // message kept as is
     {"\xed\xbf\xbf", "\"\"", kJsonUtf8Surrogate, nullptr, false, kJsonUtf8Length},
