@@ -40,5 +40,8 @@ if [ ! -f "$refs/mimalloc/lib/libmimalloc-static.a" ]; then
     ninja -C "$refs/mimalloc-build" install >> "$refs/mimalloc-build.log"
 fi
 
-cmake -S "$root" -B "$build" -DKVT_BENCH_REFERENCES="$refs" > /dev/null
+configure=()
+[ -f "$build/CMakeCache.txt" ] || configure=(-G Ninja
+    -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo)
+cmake -S "$root" -B "$build" "${configure[@]}" -DKVT_BENCH_REFERENCES="$refs" > /dev/null
 echo "references ready in $refs; build the benchmarks with: ninja -C $build alloc_bench utf_bench json_bench"
