@@ -304,17 +304,6 @@ uint32_t EncodeUtf8(const uint16_t* p, const uint16_t* end, unsigned char* out, 
         } else { // the end of the text, padded with zero units
             units = LastUnits(p, n, begin);
         }
-        // The units after these (one byte each at least) must cover the
-        // excess of the 16-byte store.
-        if (kShuffle && n == 8 && room >= 16 &&
-            _mm_movemask_epi8(
-                _mm_cmpeq_epi16(_mm_and_si128(units, _mm_set1_epi16(static_cast<short>(0xF800))),
-                                _mm_setzero_si128())) == 0xFFFF &&
-            (left >= 16 || left - 8 >= 16 - Below800Length(units))) {
-            needed += PutBelow800(units, out + needed);
-            p += 8;
-            continue;
-        }
         if (_mm_movemask_epi8(
                 _mm_cmpeq_epi16(_mm_and_si128(units, nonAscii), _mm_setzero_si128())) == 0xFFFF &&
             room >= n) {
@@ -330,6 +319,17 @@ uint32_t EncodeUtf8(const uint16_t* p, const uint16_t* end, unsigned char* out, 
             }
             p += n;
             needed += n;
+            continue;
+        }
+        // The units after these (one byte each at least) must cover the
+        // excess of the 16-byte store.
+        if (kShuffle && n == 8 && room >= 16 &&
+            _mm_movemask_epi8(
+                _mm_cmpeq_epi16(_mm_and_si128(units, _mm_set1_epi16(static_cast<short>(0xF800))),
+                                _mm_setzero_si128())) == 0xFFFF &&
+            (left >= 16 || left - 8 >= 16 - Below800Length(units))) {
+            needed += PutBelow800(units, out + needed);
+            p += 8;
             continue;
         }
         if (IsSurrogateFree(units)) {
