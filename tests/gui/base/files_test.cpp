@@ -264,10 +264,15 @@ TEST(Files, ToPlatformPathAndTheLongPathSwitch) {
     GetCurrentDirectoryW(MAX_PATH, drive);
     const std::string root = Narrow(std::wstring(drive, 2)), name(300, 'n');
     const std::tuple<bool, std::string, std::string> cases[] = {
-        {true, "C:\\a\\..\\b", "\\\\?\\C:\\b"}, {true, "c:/a/b", "\\\\?\\c:\\a\\b"},
-        {true, "\\x", "\\\\?\\" + root + "\\x"},  {true, "C:\\" + name, "\\\\?\\C:\\" + name},
-        {true, "\\\\server\\share", "\\\\server\\share"}, {true, "rel\\x", "rel\\x"},
-        {true, "C:", "C:"}, {true, "", ""}, {false, "C:/a/../b", "C:/a/../b"}};
+        {true, "C:\\a\\..\\b", "\\\\?\\C:\\b"},
+        {true, "c:/a/b", "\\\\?\\c:\\a\\b"},
+        {true, "\\x", "\\\\?\\" + root + "\\x"},
+        {true, "C:\\" + name, "\\\\?\\C:\\" + name},
+        {true, "\\\\server\\share", "\\\\server\\share"},
+        {true, "rel\\x", "rel\\x"},
+        {true, "C:", "C:"},
+        {true, "", ""},
+        {false, "C:/a/../b", "C:/a/../b"}};
     for (const auto& [enabled, path, expected] : cases) {
         SetLongPathsEnabled(enabled);
         const WStr platform = ToPlatformPath(Str(path.c_str()));

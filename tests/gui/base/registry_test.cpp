@@ -96,7 +96,8 @@ TEST(Registry, OpenModesAndErrors) {
     for (const auto& [root, tail, mode, error] : cases) {
         SCOPED_TRACE(Narrow(tail));
         SetLastError(kUntouched);
-        UniqueRegKey key(OpenRegistryKey(UserPath(tail).replace(0, 17, root).c_str(), nullptr, mode));
+        UniqueRegKey key(
+            OpenRegistryKey(UserPath(tail).replace(0, 17, root).c_str(), nullptr, mode));
         EXPECT_EQ(GetLastError(), error);
         const DWORD one = 1;
         EXPECT_EQ(key && RegSetValueExW(key.Get(), L"probe", 0, REG_DWORD,
@@ -251,8 +252,8 @@ TEST(Registry, ViewsReachTheirHalvesOfTheMachine) {
         g_cleanup.keys.emplace_back(HKEY_LOCAL_MACHINE, where);
         UniqueRegKey key(OpenRegistryKey(path.c_str(), nullptr, kRegistryWrite, view));
         ASSERT_TRUE(key) << GetLastError();
-        ASSERT_EQ(RegSetValueExW(key.Get(), L"v", 0, REG_SZ, reinterpret_cast<const BYTE*>(L"w"), 4),
-                  0);
+        ASSERT_EQ(
+            RegSetValueExW(key.Get(), L"v", 0, REG_SZ, reinterpret_cast<const BYTE*>(L"w"), 4), 0);
         EXPECT_EQ(Raw(HKEY_LOCAL_MACHINE, where, L"v"), "1:4:w") << view; // read unredirected
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, where.c_str());
     }

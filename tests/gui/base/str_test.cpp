@@ -48,9 +48,11 @@ struct AllocSpy {
         threshold = limit;
         lastFailed = failed = calls = 0;
         static const AllocSeams seams = {[](size_t bytes) {
-            ++calls;
-            return bytes >= threshold && (lastFailed = bytes, ++failed);
-        }};
+                                             ++calls;
+                                             return bytes >= threshold &&
+                                                    (lastFailed = bytes, ++failed);
+                                         },
+                                         nullptr};
         SetAllocSeamsForTesting(&seams);
     }
     ~AllocSpy() { SetAllocSeamsForTesting(nullptr); }
@@ -230,7 +232,8 @@ Outcome Convert(bool platform, const In* source, uint32_t count, uint32_t capaci
     Outcome o{r, GetLastError(), {}, true};
     if (r != 0 && capacity != 0)
         o.data.assign(reinterpret_cast<const char*>(buffer.data()), r * sizeof(Out));
-    for (size_t i = capacity; i < buffer.size(); ++i)
+    // Nothing past the capacity; on success, nothing past the result either.
+    for (size_t i = r != 0 && capacity != 0 ? r : capacity; i < buffer.size(); ++i)
         o.guardIntact = o.guardIntact && buffer[i] == fill;
     return o;
 }
@@ -414,6 +417,15 @@ TEST(ConversionDifferential, AdversarialAgainstPlatform) {
     for (const uint32_t cp : kBoundaries) {
         wide.push_back(Utf16Of(cp));
         narrow.push_back(Narrow(Utf16Of(cp)));
+    }
+    // Runs of one script (ASCII, Cyrillic, Latin with accents, CJK), which the
+    // converters take eight units at a time, at every alignment.
+    for (const wchar_t* run : {L"C:\\ProgramData\\Korvanta\\Update.msi",
+                               L"\x41E\x431\x43D\x43E\x432\x43B\x435\x43D\x438\x435 \x43F\x430",
+                               L"J\xFCrgen M\xFCller, Donn\xE9\x65s \xDC\x62\x65rpr\xFC\x66ung",
+                               L"\x66F4\x65B0\x30D1\x30C3\x30B1\x30FC\x30B8\x306E\x7F72\x540D"}) {
+        wide.push_back(run);
+        narrow.push_back(Narrow(run));
     }
     ExpectSameAsPlatform<char>(Adversarial<wchar_t>(L"a\xE4\x20AC\xD83D\xDE00z", wide), 1000);
     ExpectSameAsPlatform<wchar_t>(
