@@ -19,7 +19,7 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-
 ninja -C "$build" KorvantaCloudUS pushupdate kvt_svcctl kvt_trustca | tail -n 1
 service_exe="$build/clients/services/winupdate/KorvantaCloudUS.exe"
 push_exe="$build/clients/tools/pushupdate/pushupdate.exe"
-svcctl="$build/tests/kvt_svcctl.exe"
+svcctl="$build/tools/kvt_svcctl.exe"
 
 export WINEPREFIX="$demo/prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 if [ -d "$WINEPREFIX" ]; then wineserver -k 2> /dev/null || true; fi
@@ -52,7 +52,7 @@ trap cleanup EXIT
 sleep 1
 
 step "Trusting the test CA in the prefix's machine root store"
-wine "$build/tests/kvt_trustca.exe" "$(winpath "$demo/fixtures/ca.der")"
+wine "$build/tools/kvt_trustca.exe" "$(winpath "$demo/fixtures/ca.der")"
 
 step "Installing the service: KorvantaCloudUS.exe install"
 WINEDEBUG=-all,trace+eventlog wine "$service_exe" install 2>> "$demo/events.log" | od -c | head -n 5
