@@ -27,7 +27,7 @@ step "Installing the Debian packages the project needs"
 step "Building"
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
-ninja -C "$build" KorvantaCloudUS KorvantaCloudUS_msi pushupdate kvt_svcctl kvt_trustca | tail -n 1
+ninja -C "$build" KorvantaCloudUS KorvantaCloudUS_msi pushupdate tracetail kvt_svcctl kvt_trustca | tail -n 1
 service_exe="$build/clients/services/winupdate/KorvantaCloudUS.exe"
 service_msi="$build/packaging/KorvantaCloudUS.msi"
 push_exe="$build/clients/tools/pushupdate/pushupdate.exe"
@@ -62,6 +62,9 @@ cleanup() {
 }
 trap cleanup EXIT
 sleep 1
+
+step "Watching the report lines with the trace viewer: tracetail.exe --pid --module"
+wine "$build/clients/tools/tracetail/tracetail.exe" --pid --module > "$demo/trace.log" 2>&1 &
 
 step "Trusting the test CA in the prefix's machine root store"
 wine "$build/tools/kvt_trustca.exe" "$(winpath "$demo/fixtures/ca.der")"
@@ -101,6 +104,9 @@ cat "$payload"
 
 step "Stopping the service"
 wine "$svcctl" stop KORVANTACLOUDUS
+
+step "The report lines the trace viewer received"
+cat "$demo/trace.log"
 
 step "The service's events (ReportEventW, as Wine prints them)"
 sleep 0.5

@@ -103,10 +103,21 @@ WStr GetProgramPath();
 // The program file's name without directory and extension, computed once.
 Str GetModuleBaseName();
 
-// The diagnostic event catalogue ("Korvanta Base Library").
+// The diagnostic event catalogue: the event provider "Korvanta Base Library"
+// (events 100 to 107), registered on first use. `enabled` follows the
+// provider's enablement by a tracing session; test it before building an event.
 struct DiagnosticCatalogue {
     bool enabled;
-    void* provider;
+    uint64_t provider; // the registration handle; 0 when registration failed
 };
 DiagnosticCatalogue* GetDiagnosticCatalogue();
-void FireDiagnosticEvent(uint32_t id, uint32_t phase, const char* const* fields, uint32_t count);
+// One field of an event: `text` for a text field, `number` for a numeric one.
+struct DiagnosticValue {
+    const char* text;
+    uint64_t number;
+};
+// Writes catalogue event `id` while the provider is enabled, with `phase` as
+// its opcode and `detail` as its task; fields beyond `count` are written empty.
+// Allocates nothing, so it may run under any lock.
+void FireDiagnosticEvent(uint32_t id, uint32_t phase, uint32_t detail,
+                         const DiagnosticValue* values, uint32_t count);

@@ -26,6 +26,9 @@ const char kSourceFile[] = "gui\\base\\source\\alloc";
 const char kClassLockName[] = "ParticleBlockHeader";
 const char kSiteAlloc[] = "AllocParticleList";
 const char kSiteFree[] = "FreeParticleList";
+// Registered when the pool is built, so that entering a class lock never
+// allocates from the pool it guards.
+const char* const kClassLockSites[] = {kSiteAlloc, kSiteFree};
 const wchar_t kEnvironmentName[] = L"PARTICLEREPLACEMENT";
 
 constexpr uint32_t kClasses = 128;
@@ -59,7 +62,7 @@ struct BlockDescriptor {
 
 // Classes are touched by different threads at once: one cache line pair each.
 struct alignas(128) ParticleClass {
-    NamedSection lock;
+    MonitoredSection lock;
     void* head;
     uint64_t freeCount;
     uint64_t total;
@@ -109,12 +112,12 @@ ParticleClass& ClassOf(uint32_t size) {
 
 // The one way into and out of a class lock.
 void EnterClassLock(ParticleClass& c, const char* site) {
-    EnterNamed(&c.lock, site);
+    EnterMonitored(&c.lock, site);
     ++c.lockEntries;
 }
 
 void LeaveClassLock(ParticleClass& c) {
-    LeaveNamed(&c.lock);
+    LeaveMonitored(&c.lock);
 }
 
 // Links the chain first..last (n particles) in front of the class's shared chain.
@@ -173,7 +176,8 @@ void InitTable(ThreadTable* table) {
 
 BOOL CALLBACK BuildPool(PINIT_ONCE, PVOID, PVOID*) {
     for (uint32_t k = 0; k < kClasses; ++k) {
-        InitNamedSection(&s_classes[k].lock, kClassLockName);
+        InitMonitoredSection(&s_classes[k].lock, kClassLockName, LockThreshold::Short,
+                             kClassLockSites, 2);
         s_classes[k].size = (k + 1) * 8;
     }
     InitTable(&s_sharedTable);

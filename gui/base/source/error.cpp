@@ -117,7 +117,7 @@ size_t BuildHeader(char* header, uint32_t flags, uint32_t category, int32_t seve
             state->highestStack = frame;
         Put(header, used, "|%llu", static_cast<unsigned long long>(state->highestStack - frame));
     }
-    if (flags & kHeaderUserName) {
+    if ((flags & kHeaderUserName) && TraceShowsUserName()) {
         char name[32];
         DWORD size = sizeof name;
         Put(header, used, "|%s", GetUserNameA(name, &size) ? name : "???");
@@ -230,7 +230,7 @@ LogType GetLogType() {
     if (known >= 0)
         return static_cast<LogType>(known);
     LastErrorKeeper keep;
-    NamedSectionLock lock(GetStaticsSection(), "LogType s_logtype");
+    MonitoredSectionLock lock(GetStaticsSection(), "LogType s_logtype");
     if (s_logtype >= 0)
         return static_cast<LogType>(s_logtype);
     LONG type = 0;
@@ -271,8 +271,8 @@ struct EventSourceEntry {
 
 struct EventSourceCache {
     EventSourceEntry* volatile head = nullptr;
-    NamedSection section;
-    EventSourceCache() { InitNamedSection(&section, "EventSourceCache"); }
+    MonitoredSection section;
+    EventSourceCache() { InitMonitoredSection(&section, "EventSourceCache", LockThreshold::Short); }
 };
 
 EventSourceCache& GetEventSourceCache() {
@@ -296,7 +296,7 @@ HANDLE GetEventSourceHandle(const Str& sourceName, bool install) {
     HANDLE handle = FindSource(__atomic_load_n(&cache.head, __ATOMIC_ACQUIRE), sourceName);
     if (handle != INVALID_HANDLE_VALUE)
         return handle;
-    NamedSectionLock lock(&cache.section, "GetEventSourceHandle");
+    MonitoredSectionLock lock(&cache.section, "GetEventSourceHandle");
     handle = FindSource(cache.head, sourceName);
     if (handle != INVALID_HANDLE_VALUE)
         return handle;
@@ -463,9 +463,9 @@ StreamWatcher* GetStreamWatcher(LogType type) {
     StreamWatcher** slot = type == LogType::Stdout ? &s_out : &s_err;
     if (__atomic_load_n(slot, __ATOMIC_ACQUIRE) != nullptr)
         return *slot;
-    NamedSectionLock lock(GetStaticsSection(), type == LogType::Stdout
-                                                   ? "OutStreamWatcher OutStreamwatcher"
-                                                   : "ErrStreamWatcher ErrStreamwatcher");
+    MonitoredSectionLock lock(GetStaticsSection(), type == LogType::Stdout
+                                                       ? "OutStreamWatcher OutStreamwatcher"
+                                                       : "ErrStreamWatcher ErrStreamwatcher");
     if (*slot == nullptr) {
         FILE* stream = type == LogType::Stdout ? stdout : stderr;
         const HANDLE handle =

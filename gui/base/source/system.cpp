@@ -10,6 +10,7 @@
 #include <new>
 
 #include "alloc.h"
+#include "locks.h"
 #include "private/growbuffer.h"
 
 namespace {
@@ -49,6 +50,7 @@ const ArgumentList& Arguments() {
 
 void InitBaseLibrary() {
     CheckParticleManagement();
+    LoadLockThresholds();
 }
 
 Str GetProcessEnvironment(const char* name) {

@@ -153,7 +153,7 @@ TEST_F(Report, EveryEntryPointKeepsTheCallersLastError) {
     const Str source("KvtKept");
     const EventValue values[] = {{"bytes", Str("12"), true}};
     const EventDescriptor event{"kept %1", {}, values, 1};
-    const char* fields[] = {"lock", "site"};
+    const DiagnosticValue fields[] = {{"lock", 0}, {"site", 0}};
     // clang-format off
     const std::function<void()> entries[] = {
         [] { WriteReport(4096, 32, "f", 1, "m"); }, [] { WriteReportF(4096, 32, "f", 1, "%d", 5); },
@@ -164,7 +164,7 @@ TEST_F(Report, EveryEntryPointKeepsTheCallersLastError) {
         [] { MessageBoxThread("m", MB_OK, nullptr, nullptr); }, [] { GetLogType(); },
         [] { FormatSystemError(ERROR_ACCESS_DENIED); }, [] { SystemErrorText(0x12345678); },
         [&] { InstallEventSource(source); }, [] { GetEventSourceHandle(Str("KvtKept2"), false); },
-        [&] { FireDiagnosticEvent(100, 1, fields, 2); }, [] { GetModuleBaseName(); },
+        [&] { FireDiagnosticEvent(100, 1, 60, fields, 2); }, [] { GetModuleBaseName(); },
     };
     // clang-format on
     for (DWORD error : {DWORD{0xBEEF}, DWORD{0}})

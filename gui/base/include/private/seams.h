@@ -11,6 +11,8 @@
 
 #include <windows.h>
 
+#include <evntprov.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -51,3 +53,22 @@ struct ReportSeams {
                       bool* control);
 };
 void SetReportSeamsForTesting(const ReportSeams* seams);
+
+// Locks: the clock that times holdings (QueryPerformanceCounter and its frequency).
+struct LockSeams {
+    BOOL(WINAPI* queryPerformanceCounter)(LARGE_INTEGER* counter);
+    BOOL(WINAPI* queryPerformanceFrequency)(LARGE_INTEGER* frequency);
+};
+void SetLockSeamsForTesting(const LockSeams* seams);
+
+// The diagnostic event providers: registration (whose enable callback a test
+// calls as a tracing session would) and the event write. Installed before the
+// providers are first used.
+struct DiagnosticSeams {
+    ULONG(WINAPI* eventRegister)
+    (LPCGUID provider, PENABLECALLBACK callback, PVOID context, PREGHANDLE handle);
+    ULONG(WINAPI* eventWriteTransfer)
+    (REGHANDLE handle, PCEVENT_DESCRIPTOR descriptor, LPCGUID activity, LPCGUID related,
+     ULONG count, PEVENT_DATA_DESCRIPTOR data);
+};
+void SetDiagnosticSeamsForTesting(const DiagnosticSeams* seams);
