@@ -49,3 +49,15 @@ struct ReportSeams {
                       bool* control);
 };
 void SetReportSeamsForTesting(const ReportSeams* seams);
+
+// The memory-mapped file cache: the file's mapping call (CreateFileMappingW, for
+// the file itself, not for a temporary copy), and the copy into or out of the
+// view that runs under the in-page guard (a page that cannot be read or written
+// cannot be produced at will).
+struct CacheSeams {
+    HANDLE(WINAPI* createFileMapping)
+    (HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect, DWORD maximumHigh,
+     DWORD maximumLow, LPCWSTR name);
+    void (*copyView)(void* destination, const void* source, size_t bytes);
+};
+void SetCacheSeamsForTesting(const CacheSeams* seams);
