@@ -9,6 +9,7 @@
 #include <cstring>
 #include <new>
 
+#include "alloc.h"
 #include "private/growbuffer.h"
 
 namespace {
@@ -46,7 +47,9 @@ const ArgumentList& Arguments() {
 
 } // namespace
 
-void InitBaseLibrary() {}
+void InitBaseLibrary() {
+    CheckParticleManagement();
+}
 
 Str GetProcessEnvironment(const char* name) {
     const WStr wideName =
