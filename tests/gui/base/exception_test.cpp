@@ -10,6 +10,7 @@
 
 #include "private/seams.h"
 #include "private/system.h"
+#include "private/threadexit.h"
 #include "report.h"
 #include "testsupport.h"
 #include "trace.h"
@@ -193,6 +194,23 @@ TEST_F(Guard, UnwindsTheStackAndKeepsTheCallersRegisters) {
     EXPECT_EQ(run(true), run(false));
 }
 
+TEST_F(Guard, AFaultingThreadExitCleanUpIsReportedAndTheOthersRun) {
+    static bool laterRan;
+    laterRan = false;
+    HANDLE thread = CreateThread(
+        nullptr, 0,
+        [](void*) -> DWORD {
+            RegisterThreadExit(1, WriteFault, nullptr);
+            RegisterThreadExit(2, [](void*) { laterRan = true; }, nullptr);
+            return 0;
+        },
+        nullptr, 0, nullptr);
+    WaitForSingleObject(thread, INFINITE);
+    CloseHandle(thread);
+    EXPECT_TRUE(laterRan);
+    EXPECT_NE(Take().find("(ThreadExitData::dtor)"), std::string::npos);
+}
+
 TEST_F(Guard, BoxThreadAndFormattingSitesFailAlone) {
     static const ReportSeams faultingBox = {
         [](const char*, const char*, uint32_t, bool*, bool*) { return WriteFault(nullptr), 1; }};
@@ -207,7 +225,7 @@ TEST_F(Guard, BoxThreadAndFormattingSitesFailAlone) {
         if (std::exchange(armed, false))
             VirtualProtect(page, 4096, PAGE_NOACCESS, &old);
         return false;
-    }};
+    }, nullptr};
     SetAllocSeamsForTesting(&lockPage);
     wcscpy(reinterpret_cast<wchar_t*>(page), L"text");
     const char* unreadable = reinterpret_cast<const char*>(kBad);
