@@ -518,7 +518,7 @@ bool ReportEvent(const Str& source, uint32_t eventNumber, const EventDescriptor&
 }
 
 void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t code, const char* message,
-                        const EventValue* values, uint32_t valueCount) {
+                        const EventValue* values, uint32_t valueCount, uint32_t category) {
     // A report that fails the same way must not recurse into itself.
     static thread_local bool t_reporting = false;
     if (t_reporting)
@@ -535,6 +535,6 @@ void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t code, co
     descriptor.message = message;
     descriptor.values = all;
     descriptor.valueCount = n;
-    ReportEvent(Str(kLibrarySource), code, descriptor, true, kLevelErr, 0, false);
+    ReportEvent(Str(kLibrarySource), code, descriptor, true, kLevelErr, category, false);
     t_reporting = false;
 }

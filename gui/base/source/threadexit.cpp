@@ -12,6 +12,7 @@
 #include <windows.h>
 
 #include "handles.h"
+#include "private/system.h"
 
 namespace {
 
@@ -42,9 +43,10 @@ DWORD Slot() {
     return s_slot;
 }
 
-// The one place where a clean-up is called.
+// The one place where a clean-up is called: under a guard, so that a faulting
+// clean-up is reported and the thread's others still run.
 void InvokeCleanup(const ThreadExitEntry& entry) {
-    entry.function(entry.context);
+    RunGuarded("ThreadExitData::dtor", ExceptionFilter, entry.function, entry.context);
 }
 
 // Runs the ending thread's clean-ups one by one; one that registers another
