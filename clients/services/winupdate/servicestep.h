@@ -7,11 +7,7 @@
 #include "str.h"
 
 // The source name the pass's reports carry.
-inline constexpr char kQueueSourceFile[] = "clients\\services\\winupdate\\servicestep";
-
-// Without the product folder level in the drop directory, and without the
-// "AUTOUPDATE_URL" policy gate.
-inline constexpr bool QueueWithoutProductFolder = true;
+inline constexpr char kQueueSourceFile[] = "clients\services\winupdate\servicestep";
 
 // Result codes of one request.
 enum ResultCode : uint32_t {
