@@ -173,8 +173,7 @@ void ResumeRequestInHand(Spool& spool) {
     switch (hand.state) {
     case kInHandMoving: {
         FileFacts facts;
-        if (!OpenInDirectory(spool.update, WithExtension(hand.stem, L".msi"),
-                             FILE_READ_ATTRIBUTES,
+        if (!OpenInDirectory(spool.update, WithExtension(hand.stem, L".msi"), FILE_READ_ATTRIBUTES,
                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, 0, &facts) ||
             facts.id != hand.package)
             return; // not moved: the request is still pending as it was

@@ -7,7 +7,7 @@
 #include "str.h"
 
 // The source name the pass's reports carry.
-inline constexpr char kQueueSourceFile[] = "clients\services\winupdate\servicestep";
+inline constexpr char kQueueSourceFile[] = "clients\\services\\winupdate\\servicestep";
 
 // Result codes of one request.
 enum ResultCode : uint32_t {

@@ -177,9 +177,9 @@ bool ReadInHand(Spool& spool, InHand& hand) {
 void WriteResultFile(Spool& spool, InHand& hand, const Str& line) {
     const WStr name = WithExtension(hand.stem, L".result");
     FileFacts facts;
-    UniqueHandle file = CreateFreshFile(spool.update, kResultTempName,
-                                        GENERIC_READ | GENERIC_WRITE | DELETE, kSequentialScan,
-                                        &facts);
+    UniqueHandle file =
+        CreateFreshFile(spool.update, kResultTempName, GENERIC_READ | GENERIC_WRITE | DELETE,
+                        kSequentialScan, &facts);
     DWORD written = 0;
     if (name.IsEmpty() || !file ||
         !WriteFile(file.Get(), line.Text(), line.Length(), &written, nullptr)) {
@@ -197,8 +197,7 @@ void WriteResultFile(Spool& spool, InHand& hand, const Str& line) {
 
 bool ResultFileWritten(const Spool& spool, const InHand& hand) {
     FileFacts facts;
-    return OpenInDirectory(spool.update, WithExtension(hand.stem, L".result"),
-                           FILE_READ_ATTRIBUTES,
+    return OpenInDirectory(spool.update, WithExtension(hand.stem, L".result"), FILE_READ_ATTRIBUTES,
                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, 0, &facts)
                .Valid() &&
            facts.id == hand.result;

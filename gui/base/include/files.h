@@ -125,8 +125,7 @@ UniqueHandle CreateFreshFile(const HeldDirectory& directory, const WStr& name, u
 // Deletes the file of a handle opened with DELETE access.
 bool DeleteOpenedFile(HANDLE file);
 // Renames the file of a handle opened with DELETE access into the directory.
-bool RenameOpenedFile(HANDLE file, const HeldDirectory& directory, const WStr& name,
-                      bool replace);
+bool RenameOpenedFile(HANDLE file, const HeldDirectory& directory, const WStr& name, bool replace);
 // What the handle's file is; false with the last error.
 bool GetFileFacts(HANDLE file, FileFacts& facts);
 

@@ -34,8 +34,8 @@ bool Fail(NTSTATUS status) {
 }
 
 bool SameText(const wchar_t* a, uint32_t aLength, const wchar_t* b, uint32_t bLength) {
-    return CompareStringOrdinal(a, static_cast<int>(aLength), b, static_cast<int>(bLength),
-                                TRUE) == CSTR_EQUAL;
+    return CompareStringOrdinal(a, static_cast<int>(aLength), b, static_cast<int>(bLength), TRUE) ==
+           CSTR_EQUAL;
 }
 
 // The file's facts and its name on its volume (pointing into info).
@@ -68,8 +68,7 @@ bool NamedAsOpened(const HeldDirectory& directory, const WStr& name, const wchar
     return reportedLength == expected &&
            SameText(reported, dirLength, directory.name.Text(), dirLength) &&
            (!separator || reported[dirLength] == L'\\') &&
-           SameText(reported + expected - name.Length(), name.Length(), name.Text(),
-                    name.Length());
+           SameText(reported + expected - name.Length(), name.Length(), name.Text(), name.Length());
 }
 
 UniqueHandle OpenRelative(const HeldDirectory& directory, const WStr& name, uint32_t access,
@@ -83,8 +82,8 @@ UniqueHandle OpenRelative(const HeldDirectory& directory, const WStr& name, uint
         return UniqueHandle();
     }
     OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE,
-                               directory.handle.Get(), nullptr);
+    InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, directory.handle.Get(),
+                               nullptr);
     IO_STATUS_BLOCK io;
     HANDLE file = nullptr;
     const NTSTATUS status = NtCreateFile(
@@ -191,9 +190,9 @@ UniqueHandle OpenInDirectory(const HeldDirectory& directory, const WStr& name, u
 bool DeleteInDirectory(const HeldDirectory& directory, const WStr& name) {
     // A reparse point opened as itself is deleted as itself; a link the
     // platform followed is refused by the open.
-    UniqueHandle file = OpenInDirectory(directory, name, DELETE,
-                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                        kAllowReparsePoint);
+    UniqueHandle file =
+        OpenInDirectory(directory, name, DELETE,
+                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, kAllowReparsePoint);
     if (!file)
         return false;
     FileNotice notice(kFileOperationDelete, RelativePath{directory, name});
@@ -221,8 +220,7 @@ bool DeleteOpenedFile(HANDLE file) {
                                       sizeof disposition) != FALSE;
 }
 
-bool RenameOpenedFile(HANDLE file, const HeldDirectory& directory, const WStr& name,
-                      bool replace) {
+bool RenameOpenedFile(HANDLE file, const HeldDirectory& directory, const WStr& name, bool replace) {
     const uint32_t bytes = name.Length() * sizeof(wchar_t);
     const size_t size = offsetof(FILE_RENAME_INFORMATION, FileName) + bytes;
     auto buffer = std::unique_ptr<char[]>(new (std::nothrow) char[size + sizeof(wchar_t)]);
@@ -257,8 +255,8 @@ bool VisitDirectory(const HeldDirectory& directory, DirectoryVisitor visit, void
         return false;
     }
     FILE_INFO_BY_HANDLE_CLASS batch = FileFullDirectoryRestartInfo;
-    while (GetFileInformationByHandleEx(directory.handle.Get(), batch, buffer.get(),
-                                        kListingBytes)) {
+    while (
+        GetFileInformationByHandleEx(directory.handle.Get(), batch, buffer.get(), kListingBytes)) {
         batch = FileFullDirectoryInfo;
         const char* at = buffer.get();
         for (;;) {
@@ -266,9 +264,9 @@ bool VisitDirectory(const HeldDirectory& directory, DirectoryVisitor visit, void
             const DirectoryEntry visited = {
                 entry->FileName, static_cast<uint32_t>(entry->FileNameLength / sizeof(wchar_t)),
                 entry->FileAttributes};
-            const bool dots = (visited.length == 1 && visited.name[0] == L'.') ||
-                              (visited.length == 2 && visited.name[0] == L'.' &&
-                               visited.name[1] == L'.');
+            const bool dots =
+                (visited.length == 1 && visited.name[0] == L'.') ||
+                (visited.length == 2 && visited.name[0] == L'.' && visited.name[1] == L'.');
             if (!dots && !visit(context, visited))
                 return true;
             if (entry->NextEntryOffset == 0)

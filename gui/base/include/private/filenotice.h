@@ -37,7 +37,8 @@ class FileNotice {
     }
     ~FileNotice() {
         if (m_active)
-            SendFileNotice(m_operation, kFileOperationAfter, m_path, m_hasSecond ? &m_second : nullptr);
+            SendFileNotice(m_operation, kFileOperationAfter, m_path,
+                           m_hasSecond ? &m_second : nullptr);
     }
     FileNotice(const FileNotice&) = delete;
     FileNotice& operator=(const FileNotice&) = delete;
