@@ -250,10 +250,29 @@ TEST_F(QueuePass, HostileDropsAreRefusedAndHarmNothingElse) {
              Request(stem, nullptr);
          },
          recordStarts, 7},
+        {"a zero-byte package is refused",
+         [&](const std::wstring& stem) {
+             ASSERT_TRUE(WriteFileBytes(Drop(stem + L".msi"), "") &&
+                         WriteFileBytes(Drop(stem + L".pending"), ""));
+         },
+         recordStarts, 6},
+        {"a truncated package is refused",
+         [&](const std::wstring& stem) {
+             std::string bytes;
+             ASSERT_TRUE(ReadFileBytes(FixturePath(L"signed-korvanta.msi"), bytes));
+             ASSERT_TRUE(WriteFileBytes(Drop(stem + L".msi"), bytes.substr(0, bytes.size() / 2)) &&
+                         WriteFileBytes(Drop(stem + L".pending"), ""));
+         },
+         recordStarts, 6},
+        {"a directory named as a request is passed over",
+         [&](const std::wstring& stem) {
+             ASSERT_TRUE(CreateDirectoryW(Drop(stem + L".pending").c_str(), nullptr));
+         },
+         recordStarts, -1},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        const std::wstring stem = L"hostile " + std::to_wstring(&row - rows);
+        const std::wstring stem = L"hostile " + std::to_wstring(&row - rows) + L" \u00e4";
         s_started.clear();
         row.plant(stem);
         SetQueueSeamsForTesting(&row.seams);
@@ -261,7 +280,7 @@ TEST_F(QueuePass, HostileDropsAreRefusedAndHarmNothingElse) {
         SetQueueSeamsForTesting(nullptr);
         EXPECT_EQ(ResultCode(stem), row.code);
         EXPECT_EQ(s_started.size(), size_t(row.code == 0));
-        EXPECT_FALSE(PathExists(Drop(stem + L".pending")));
+        EXPECT_EQ(PathExists(Drop(stem + L".pending")), row.code < 0);
         s_writer.Reset();
         if (PathExists(victim)) {
             EXPECT_TRUE(victimIntact());
