@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "constants.h"
+#include "crashdump.h"
 #include "host.h"
 #include "private/system.h"
 #include "report.h"
@@ -42,6 +43,7 @@ int ServiceEntryPoint() {
     SetModuleVersion(Str(kServiceVersion));
     InstallEventSource(displayName);
     InitBaseLibrary();
+    InstallCrashReporting();
 
     const Str argument = CommandLineArgument(1);
     if (CompareTextEx(argument.Text(), "install", true) == 0) {

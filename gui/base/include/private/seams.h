@@ -72,3 +72,14 @@ struct DiagnosticSeams {
      ULONG count, PEVENT_DATA_DESCRIPTOR data);
 };
 void SetDiagnosticSeamsForTesting(const DiagnosticSeams* seams);
+
+// The memory-mapped file cache: the file's mapping call (not the temporary
+// copy's), and the copy into or out of the view that runs under the in-page
+// guard (a page that cannot be read or written cannot be produced at will).
+struct CacheSeams {
+    HANDLE(WINAPI* createFileMapping)
+    (HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect, DWORD maximumHigh,
+     DWORD maximumLow, LPCWSTR name);
+    void (*copyView)(void* destination, const void* source, size_t bytes);
+};
+void SetCacheSeamsForTesting(const CacheSeams* seams);

@@ -1,6 +1,6 @@
 // The service host with a counting pass in place of the installer queue, so
 // tests can observe the loop under the real service manager.
-//   kvt_counting_service.exe --log <file> --wait <ms>
+//   kvt_counting_service.exe --log <file> --wait <ms> [--fault 1]
 // Every report line goes to the log file; each pass writes "pass <n>", signals the global event
 // "Global\KvtPassStarted" and, while "Global\KvtPassGate" exists and is not
 // signalled, waits on it (at most ten seconds), so a test can hold a pass open.
@@ -20,6 +20,7 @@ namespace {
 
 HANDLE s_log = INVALID_HANDLE_VALUE;
 unsigned s_passes = 0;
+bool s_fault = false; // the pass writes through a null pointer
 void CountingPass();
 ServiceSeams s_seams = {CountingPass, 0, nullptr};
 
@@ -35,6 +36,8 @@ bool LogLine(const char* line, uint32_t) {
 void CountingPass() {
     ++s_passes;
     WriteReportF(kCategoryBase, kSeverityInfo, nullptr, 0, "pass %u", s_passes);
+    if (s_fault)
+        *static_cast<volatile int*>(nullptr) = 1;
     HANDLE started = OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Global\\KvtPassStarted");
     if (started != nullptr) {
         SetEvent(started);
@@ -57,6 +60,8 @@ int main() {
             const WStr path = WStr::FromUtf8(value);
             s_log = CreateFileW(path.Text(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                 nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        } else if (name == "--fault") {
+            s_fault = value == "1";
         } else if (name == "--wait") {
             s_seams.waitMs = static_cast<DWORD>(strtoul(value.Text(), nullptr, 10));
         }

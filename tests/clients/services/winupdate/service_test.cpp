@@ -6,12 +6,16 @@
 #include <windows.h>
 
 #include <aclapi.h>
+#include <dbghelp.h>
 #include <sddl.h>
 
+#include <algorithm>
 #include <functional>
+#include <vector>
 #include <string>
 
 #include "constants.h"
+#include "crashdump.h"
 #include "host.h"
 #include "report.h"
 #include "seams.h"
@@ -152,10 +156,10 @@ class CountingService : public ::testing::Test {
     }
     void TearDown() override { m_service.Reset(), RemoveService(kCountingName); }
     // Registers the counting host with the given time-out and starts it.
-    bool Start(DWORD waitMs) {
+    bool Start(DWORD waitMs, const wchar_t* more = L"") {
         const std::wstring command = L"\"" + Env(L"KVT_BUILD_DIR") +
                                      L"\\tests\\kvt_counting_service.exe\" --log \"" + m_log +
-                                     L"\" --wait " + std::to_wstring(waitMs);
+                                     L"\" --wait " + std::to_wstring(waitMs) + more;
         m_service.Reset(CreateServiceW(m_manager.Get(), kCountingName, L"Kvt Counting Service",
                                        SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
                                        SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, command.c_str(),
@@ -292,4 +296,53 @@ TEST_F(CountingService, RefusesToStartWhenThePushEventExistsAlready) {
     })) << Log();
     EXPECT_FALSE(WaitForServiceState(m_service.Get(), SERVICE_RUNNING, 2000));
     EXPECT_EQ(Passes(), 0);
+}
+
+namespace {
+
+// The dumps in the folder, by name.
+std::vector<std::wstring> Dumps(const std::wstring& folder) {
+    std::vector<std::wstring> names;
+    WIN32_FIND_DATAW data;
+    UniqueFind find(FindFirstFileW((folder + L"\\*.dmp").c_str(), &data));
+    for (bool more = find.Valid(); more; more = FindNextFileW(find.Get(), &data))
+        names.push_back(data.cFileName);
+    return names;
+}
+
+// The exception code recorded in a minidump, read back with dbghelp; 0 when none.
+DWORD DumpedExceptionCode(const std::wstring& path) {
+    std::string bytes;
+    if (!ReadFileBytes(path, bytes))
+        return 0;
+    MINIDUMP_DIRECTORY* directory = nullptr;
+    void* stream = nullptr;
+    ULONG size = 0;
+    if (!MiniDumpReadDumpStream(bytes.data(), ExceptionStream, &directory, &stream, &size) ||
+        size < sizeof(MINIDUMP_EXCEPTION_STREAM))
+        return 0;
+    return static_cast<MINIDUMP_EXCEPTION_STREAM*>(stream)->ExceptionRecord.ExceptionCode;
+}
+
+} // namespace
+
+TEST_F(CountingService, AFaultNothingHandlesIsReportedAndDumped) {
+    const std::wstring folder = Widen(GetCrashDumpDirectory().Text());
+    ASSERT_FALSE(folder.empty());
+    const std::vector<std::wstring> before = Dumps(folder);
+    ASSERT_TRUE(Start(600000, L" --fault 1")) << GetLastError();
+    std::vector<std::wstring> after;
+    ASSERT_TRUE(Within(30000, [&] { return (after = Dumps(folder)).size() > before.size(); }));
+    std::wstring dump;
+    for (const std::wstring& name : after)
+        if (std::find(before.begin(), before.end(), name) == before.end())
+            dump = folder + L"\\" + name;
+    EXPECT_TRUE(Within(30000, [&] { return DumpedExceptionCode(dump) == 0xC0000005; }))
+        << Narrow(dump);
+    const std::string log = Log();
+    for (const char* part : {"ExceptionFilter: Exception 0xC0000005 (ACCESS_VIOLATION) at address",
+                             "(UnhandledException)", "ExceptionFilter: Could not write at address",
+                             "QELGUI-00400: Exception occured"})
+        EXPECT_NE(log.find(part), std::string::npos) << part << "\n" << log;
+    DeleteFileW(dump.c_str());
 }
