@@ -238,9 +238,12 @@ int wmain(int argc, wchar_t** argv) {
         }
         requests.push_back({L"request-" + std::to_wstring(i), fixture});
     }
-    static const QueueSeams standIn = {
-        nullptr, nullptr, nullptr,
-        [](const Str&) { return StartCommand(Str("cmd.exe /c exit 0"), nullptr, true, true); }};
+    static const QueueSeams standIn = {nullptr,
+                                       nullptr,
+                                       nullptr,
+                                       [](const Str&) { return StartCommand(Str("cmd.exe /c exit 0"), nullptr, true, true); },
+                                       nullptr,
+                                       nullptr};
     SetQueueSeamsForTesting(&standIn);
     // Every stand-in process joins this job, so a side can wait for its own.
     HANDLE job = CreateJobObjectW(nullptr, nullptr);

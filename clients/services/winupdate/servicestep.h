@@ -6,6 +6,9 @@
 
 #include "str.h"
 
+// The source name the pass's reports carry.
+inline constexpr char kQueueSourceFile[] = "clients\\services\\winupdate\\servicestep";
+
 // Without the product folder level in the drop directory, and without the
 // "AUTOUPDATE_URL" policy gate.
 inline constexpr bool QueueWithoutProductFolder = true;
@@ -44,6 +47,8 @@ Str InstallerCommandLine(const Str& packagePath);
 // The result file's text: "%u|%s: %u" (success flag, local time, code).
 Str ResultLine(uint32_t code);
 
-void RemoveMarkedInstallers(const Str& directory);
-Str SecureInstallerFile(const Str& updateDirectory, const Str& package);
+// Owner and group Administrators and an empty, unprotected DACL for the moved
+// package, so that it keeps only what it inherits from the update directory.
+bool SecureInstallerFile(const Str& movedPath);
+// One pass over the drop directory: every request found is answered once.
 void ExecuteServiceStep();

@@ -140,10 +140,15 @@ TEST_F(QueuePass, PolicyZeroLeavesEverythingUntouched) {
 
 TEST_F(QueuePass, RefusalsAfterTheMoveDeleteTheMovedCopy) {
     // Wine always finds msiexec; the seam starts a program that does not exist instead.
-    static const QueueSeams noStart = {nullptr, nullptr, nullptr, [](const Str&) {
+    static const QueueSeams noStart = {nullptr,
+                                       nullptr,
+                                       nullptr,
+                                       [](const Str&) {
                                            return StartCommand(Str("kvt-no-such-installer.exe /qn"),
                                                                nullptr, true, true);
-                                       }};
+                                       },
+                                       nullptr,
+                                       nullptr};
     SetQueueSeamsForTesting(&noStart);
     Request(L"nostart", L"signed-korvanta.msi");
     ExecuteServiceStep();
@@ -151,10 +156,15 @@ TEST_F(QueuePass, RefusalsAfterTheMoveDeleteTheMovedCopy) {
     EXPECT_TRUE(Logged("QELGUI-02106: Command start failed"));
     EXPECT_FALSE(PathExists(Update(L"nostart.msi")) || PathExists(Drop(L"nostart.msi")));
     // Both checks pass in the drop directory; one of them fails on the moved copy.
-    const auto inDrop = [](const Str& p) { return Widen(p.Text()).rfind(s_update, 0) != 0; };
-    const auto pass = [](const Str&) { return true; };
-    for (const auto& [checks, code] : {std::pair{QueueSeams{inDrop, pass, nullptr, nullptr}, 3},
-                                       std::pair{QueueSeams{pass, inDrop, nullptr, nullptr}, 2}}) {
+    const auto inDrop = [](const Str& p, HANDLE) {
+        return Widen(p.Text()).rfind(s_update, 0) != 0;
+    };
+    const auto pass = [](const Str&, HANDLE) { return true; };
+    const auto signedOk = [](const Str&) { return true; };
+    const auto inDropSigned = [](const Str& p) { return Widen(p.Text()).rfind(s_update, 0) != 0; };
+    for (const auto& [checks, code] :
+         {std::pair{QueueSeams{inDrop, signedOk, nullptr, nullptr, nullptr, nullptr}, 3},
+          std::pair{QueueSeams{pass, inDropSigned, nullptr, nullptr, nullptr, nullptr}, 2}}) {
         SetQueueSeamsForTesting(&checks);
         Request(L"second", L"signed-korvanta.msi");
         ExecuteServiceStep();
