@@ -9,10 +9,6 @@
 // The source name the pass's reports carry.
 inline constexpr char kQueueSourceFile[] = "clients\\services\\winupdate\\servicestep";
 
-// Without the product folder level in the drop directory, and without the
-// "AUTOUPDATE_URL" policy gate.
-inline constexpr bool QueueWithoutProductFolder = true;
-
 // Result codes of one request.
 enum ResultCode : uint32_t {
     kResultStarted = 0,

@@ -74,9 +74,9 @@ bool ReportEvent(const Str& source, uint32_t eventNumber, const EventDescriptor&
                  bool processInfo, uint32_t level, uint32_t category, bool installSource);
 
 // The base library's error report: source "QELGUI", event number = code,
-// level "err", with the named values and the source location.
+// level "err", with the named values (at most 8) and the source location.
 void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t code, const char* message,
-                        const EventValue* values, uint32_t valueCount);
+                        const EventValue* values, uint32_t valueCount, uint32_t category = 0);
 
 LogType GetLogType();
 void InstallEventSource(const Str& sourceName);
@@ -103,10 +103,21 @@ WStr GetProgramPath();
 // The program file's name without directory and extension, computed once.
 Str GetModuleBaseName();
 
-// The diagnostic event catalogue ("Korvanta Base Library").
+// The diagnostic event catalogue: the event provider "Korvanta Base Library"
+// (events 100 to 107), registered on first use. `enabled` follows the
+// provider's enablement by a tracing session; test it before building an event.
 struct DiagnosticCatalogue {
     bool enabled;
-    void* provider;
+    uint64_t provider; // the registration handle; 0 when registration failed
 };
 DiagnosticCatalogue* GetDiagnosticCatalogue();
-void FireDiagnosticEvent(uint32_t id, uint32_t phase, const char* const* fields, uint32_t count);
+// One field of an event: `text` for a text field, `number` for a numeric one.
+struct DiagnosticValue {
+    const char* text;
+    uint64_t number;
+};
+// Writes catalogue event `id` while the provider is enabled, with `phase` as
+// its opcode and `detail` as its task; fields beyond `count` are written empty.
+// Allocates nothing, so it may run under any lock.
+void FireDiagnosticEvent(uint32_t id, uint32_t phase, uint32_t detail,
+                         const DiagnosticValue* values, uint32_t count);

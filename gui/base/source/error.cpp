@@ -117,7 +117,7 @@ size_t BuildHeader(char* header, uint32_t flags, uint32_t category, int32_t seve
             state->highestStack = frame;
         Put(header, used, "|%llu", static_cast<unsigned long long>(state->highestStack - frame));
     }
-    if (flags & kHeaderUserName) {
+    if ((flags & kHeaderUserName) && TraceShowsUserName()) {
         char name[32];
         DWORD size = sizeof name;
         Put(header, used, "|%s", GetUserNameA(name, &size) ? name : "???");
@@ -230,7 +230,7 @@ LogType GetLogType() {
     if (known >= 0)
         return static_cast<LogType>(known);
     LastErrorKeeper keep;
-    NamedSectionLock lock(GetStaticsSection(), "LogType s_logtype");
+    MonitoredSectionLock lock(GetStaticsSection(), "LogType s_logtype");
     if (s_logtype >= 0)
         return static_cast<LogType>(s_logtype);
     LONG type = 0;
@@ -271,8 +271,8 @@ struct EventSourceEntry {
 
 struct EventSourceCache {
     EventSourceEntry* volatile head = nullptr;
-    NamedSection section;
-    EventSourceCache() { InitNamedSection(&section, "EventSourceCache"); }
+    MonitoredSection section;
+    EventSourceCache() { InitMonitoredSection(&section, "EventSourceCache", LockThreshold::Short); }
 };
 
 EventSourceCache& GetEventSourceCache() {
@@ -296,7 +296,7 @@ HANDLE GetEventSourceHandle(const Str& sourceName, bool install) {
     HANDLE handle = FindSource(__atomic_load_n(&cache.head, __ATOMIC_ACQUIRE), sourceName);
     if (handle != INVALID_HANDLE_VALUE)
         return handle;
-    NamedSectionLock lock(&cache.section, "GetEventSourceHandle");
+    MonitoredSectionLock lock(&cache.section, "GetEventSourceHandle");
     handle = FindSource(cache.head, sourceName);
     if (handle != INVALID_HANDLE_VALUE)
         return handle;
@@ -412,21 +412,26 @@ bool IsJsonNumber(const char* p) {
     return *p == 0;
 }
 
+// ,"name":"text" or ,"name":number
 void AppendJsonMember(Str& record, const char* name, const char* text, bool number) {
-    record.Append(",");
-    WriteJsonString(name, record, nullptr, true);
-    record.Append(":");
+    record.AppendChar(',');
+    WriteJsonName(name, record);
     if (number)
         record.Append(text);
     else
         WriteJsonString(text, record, nullptr, true);
 }
 
+void AppendJsonNumber(Str& record, const char* name, uint64_t number) {
+    record.AppendChar(',');
+    WriteJsonName(name, record);
+    WriteJsonNumber(number, record);
+}
+
 Str BuildRecord(const Str& text, uint32_t level, const EventDescriptor& descriptor,
                 bool processInfo) {
     Str record("{");
-    WriteJsonString("@timestamp", record, nullptr, true);
-    record.Append(":");
+    WriteJsonName("@timestamp", record);
     WriteJsonString(LocalTimeText(kTimeTextRecord).Text(), record, nullptr, true);
     AppendJsonMember(record, "level", LevelName(level), false);
     AppendJsonMember(record, "message", text.Text(), false);
@@ -439,12 +444,8 @@ Str BuildRecord(const Str& text, uint32_t level, const EventDescriptor& descript
     }
     if (processInfo) {
         AppendJsonMember(record, "version", GetModuleVersion().Text(), false);
-        AppendJsonMember(record, "processid",
-                         StrFormat("%lu", static_cast<unsigned long>(GetCurrentProcessId())).Text(),
-                         true);
-        AppendJsonMember(record, "threadid",
-                         StrFormat("%lu", static_cast<unsigned long>(GetCurrentThreadId())).Text(),
-                         true);
+        AppendJsonNumber(record, "processid", GetCurrentProcessId());
+        AppendJsonNumber(record, "threadid", GetCurrentThreadId());
     }
     record.Append("}\n");
     return record;
@@ -462,9 +463,9 @@ StreamWatcher* GetStreamWatcher(LogType type) {
     StreamWatcher** slot = type == LogType::Stdout ? &s_out : &s_err;
     if (__atomic_load_n(slot, __ATOMIC_ACQUIRE) != nullptr)
         return *slot;
-    NamedSectionLock lock(GetStaticsSection(), type == LogType::Stdout
-                                                   ? "OutStreamWatcher OutStreamwatcher"
-                                                   : "ErrStreamWatcher ErrStreamwatcher");
+    MonitoredSectionLock lock(GetStaticsSection(), type == LogType::Stdout
+                                                       ? "OutStreamWatcher OutStreamwatcher"
+                                                       : "ErrStreamWatcher ErrStreamwatcher");
     if (*slot == nullptr) {
         FILE* stream = type == LogType::Stdout ? stdout : stderr;
         const HANDLE handle =
@@ -505,7 +506,9 @@ bool ReportEvent(const Str& source, uint32_t eventNumber, const EventDescriptor&
         return ReportEventW(handle, EventLogType(level), static_cast<WORD>(category), 0, nullptr, 1,
                             0, strings, nullptr) != FALSE;
     }
-    if (watcher == nullptr)
+    // A stream without a real handle behind it (a process started without one)
+    // takes the record nowhere: say so rather than claim it was written.
+    if (watcher == nullptr || watcher->ownConsole)
         return false;
     const Str record = BuildRecord(text, level, descriptor, processInfo);
     const bool written =
@@ -515,7 +518,7 @@ bool ReportEvent(const Str& source, uint32_t eventNumber, const EventDescriptor&
 }
 
 void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t code, const char* message,
-                        const EventValue* values, uint32_t valueCount) {
+                        const EventValue* values, uint32_t valueCount, uint32_t category) {
     // A report that fails the same way must not recurse into itself.
     static thread_local bool t_reporting = false;
     if (t_reporting)
@@ -532,6 +535,6 @@ void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t code, co
     descriptor.message = message;
     descriptor.values = all;
     descriptor.valueCount = n;
-    ReportEvent(Str(kLibrarySource), code, descriptor, true, kLevelErr, 0, false);
+    ReportEvent(Str(kLibrarySource), code, descriptor, true, kLevelErr, category, false);
     t_reporting = false;
 }

@@ -50,7 +50,7 @@ Str GetModuleBaseName() {
     if (InterlockedCompareExchange(&s_known, 0, 0) != 0)
         return s_moduleName;
     LastErrorKeeper keep;
-    NamedSectionLock lock(GetStaticsSection(), "Str s_modulename");
+    MonitoredSectionLock lock(GetStaticsSection(), "Str s_modulename");
     if (s_known == 0) {
         const WStr path = GetProgramPath();
         const wchar_t* name = path.Text();

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <new>
 
+#include "alloc.h"
+#include "locks.h"
 #include "private/growbuffer.h"
 
 namespace {
@@ -46,7 +48,10 @@ const ArgumentList& Arguments() {
 
 } // namespace
 
-void InitBaseLibrary() {}
+void InitBaseLibrary() {
+    CheckParticleManagement();
+    LoadLockThresholds();
+}
 
 Str GetProcessEnvironment(const char* name) {
     const WStr wideName =

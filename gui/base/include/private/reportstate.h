@@ -14,7 +14,6 @@ struct ThreadReportState {
     uint64_t highestStack = 0;
     uint32_t inDialog = 0;
     bool neverAsk = false;
-    bool inPipeStep = false;
     struct Site {
         const char* file;
         uint32_t line;

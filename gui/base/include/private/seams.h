@@ -11,6 +11,8 @@
 
 #include <windows.h>
 
+#include <evntprov.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -29,10 +31,12 @@ template <class Seams> class SeamSlot {
     const Seams* m_active = nullptr;
 };
 
-// Allocation: consulted first of all by AllocParticle; true makes that
-// allocation fail (last error 14).
+// Allocation: failAllocation is consulted first of all by AllocParticle; true
+// makes that allocation fail (last error 14). failBlockData is asked before the
+// data of a new particle block is taken from the heap; true makes that fail.
 struct AllocSeams {
     bool (*failAllocation)(size_t bytes);
+    bool (*failBlockData)(size_t bytes);
 };
 void SetAllocSeamsForTesting(const AllocSeams* seams);
 
@@ -49,3 +53,22 @@ struct ReportSeams {
                       bool* control);
 };
 void SetReportSeamsForTesting(const ReportSeams* seams);
+
+// Locks: the clock that times holdings (QueryPerformanceCounter and its frequency).
+struct LockSeams {
+    BOOL(WINAPI* queryPerformanceCounter)(LARGE_INTEGER* counter);
+    BOOL(WINAPI* queryPerformanceFrequency)(LARGE_INTEGER* frequency);
+};
+void SetLockSeamsForTesting(const LockSeams* seams);
+
+// The diagnostic event providers: registration (whose enable callback a test
+// calls as a tracing session would) and the event write. Installed before the
+// providers are first used.
+struct DiagnosticSeams {
+    ULONG(WINAPI* eventRegister)
+    (LPCGUID provider, PENABLECALLBACK callback, PVOID context, PREGHANDLE handle);
+    ULONG(WINAPI* eventWriteTransfer)
+    (REGHANDLE handle, PCEVENT_DESCRIPTOR descriptor, LPCGUID activity, LPCGUID related,
+     ULONG count, PEVENT_DATA_DESCRIPTOR data);
+};
+void SetDiagnosticSeamsForTesting(const DiagnosticSeams* seams);
