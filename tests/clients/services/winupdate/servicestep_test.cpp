@@ -370,18 +370,3 @@ TEST_F(QueuePass, SecurityCallInstallerCommandAndReport) {
         << (s_lines.empty() ? "" : s_lines.back());
     EXPECT_TRUE(Logged("267")) << (s_lines.empty() ? "" : s_lines.back());
 }
-
-// A package with a second name is refused before any check; the name in the
-// drop directory goes, the file behind the other name stays.
-TEST_F(QueuePass, HardLinkedPackageIsRefusedAndItsTargetKept) {
-    const std::wstring target = m_drop + L"\\..\\kvt-link-target.msi";
-    DeleteFileW(target.c_str());
-    ASSERT_TRUE(CopyFileW(FixturePath(L"signed-korvanta.msi").c_str(), target.c_str(), 0));
-    ASSERT_TRUE(CreateHardLinkW(Drop(L"linked.msi").c_str(), target.c_str(), nullptr));
-    Request(L"linked", nullptr);
-    ExecuteServiceStep();
-    EXPECT_EQ(ResultCode(L"linked"), 6);
-    EXPECT_FALSE(PathExists(Drop(L"linked.msi")) || PathExists(Update(L"linked.msi")));
-    EXPECT_TRUE(PathExists(target));
-    DeleteFileW(target.c_str());
-}
