@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <sddl.h>
+
 #include <algorithm>
 #include <cstring>
 #include <functional>
@@ -13,6 +15,7 @@
 
 #include "handles.h"
 #include "process.h"
+#include "report.h"
 #include "seams.h"
 #include "servicestep.h"
 #include "testca.h"
@@ -326,4 +329,44 @@ int main(int argc, char** argv) {
     }
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
+}
+
+// What the pass hands to the security call and the installer, and how it reports.
+TEST_F(QueuePass, SecurityCallInstallerCommandAndReport) {
+    static std::string s_command;
+    static std::string s_security;
+    static const QueueSeams observe = {
+        nullptr,
+        nullptr,
+        [](LPWSTR path, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID owner, PSID group,
+           PACL dacl, PACL sacl) -> DWORD {
+            LPSTR ownerText = nullptr, groupText = nullptr;
+            ConvertSidToStringSidA(owner, &ownerText);
+            ConvertSidToStringSidA(group, &groupText);
+            s_security = Narrow(path) + "|" + std::to_string(type) + "|" + std::to_string(what) +
+                         "|" + ownerText + "|" + groupText + "|" +
+                         std::to_string(dacl->AclRevision) + "/" + std::to_string(dacl->AceCount) +
+                         "|" + (sacl == nullptr ? "nosacl" : "sacl");
+            LocalFree(ownerText);
+            LocalFree(groupText);
+            return ERROR_SUCCESS;
+        },
+        [](const Str& line) { return s_command = line.Text(), true; },
+        nullptr,
+        nullptr};
+    SetQueueSeamsForTesting(&observe);
+    const uint32_t flags = GetSharedHeaderFlags();
+    ASSERT_TRUE(SetSharedHeaderFlags(flags | kHeaderSourceFile | kHeaderLine));
+    Request(L"seen", L"signed-korvanta.msi");
+    ExecuteServiceStep();
+    SetSharedHeaderFlags(flags);
+    const std::string moved = Narrow(Update(L"seen.msi"));
+    EXPECT_EQ(ResultCode(L"seen"), 0);
+    EXPECT_EQ(s_command, "msiexec.exe /qn /i \"" + moved + "\" AUTOUPDATE=1");
+    EXPECT_EQ(s_security,
+              moved + "|1|" + std::to_string(0x20000007) + "|S-1-5-32-544|S-1-5-32-544|2/0|nosacl");
+    EXPECT_TRUE(Logged("Result code 0")) << (s_lines.empty() ? "" : s_lines.back());
+    EXPECT_TRUE(Logged("clients\\services\\winupdate\\servicestep"))
+        << (s_lines.empty() ? "" : s_lines.back());
+    EXPECT_TRUE(Logged("267")) << (s_lines.empty() ? "" : s_lines.back());
 }
