@@ -80,7 +80,7 @@ struct MonitoredSection {
     int64_t entryTime;  // counter at the outermost entry; 0: not measured
     uint64_t threshold; // ms for the current holding; 0: none
     const char* lastSite;
-    uint64_t lastDuration; // ms
+    uint64_t lastDurationTicks; // of the previous holding
     LockSiteStats* current;
     uint64_t waitCount;
     uint64_t totalWait; // ticks
@@ -100,6 +100,8 @@ LockSiteStats* RegisterLockSite(MonitoredSection* section, const char* site);
 // The site's record, or null; takes no lock.
 LockSiteStats* FindLockSite(const MonitoredSection* section, const char* site);
 void SetLockStatistics(MonitoredSection* section, bool enabled);
+// The previous holding's duration in milliseconds ("lastduration_ms").
+uint64_t GetLastDurationMs(const MonitoredSection* section);
 
 void EnterMonitored(MonitoredSection* section, const char* site);
 void LeaveMonitored(MonitoredSection* section);

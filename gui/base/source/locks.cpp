@@ -154,6 +154,14 @@ void ReportLongHold(const LongHold& hold) {
     ReportEvent(Str("QELGUI"), 500, descriptor, true, kLevelInfo, 7, false);
 }
 
+// Whether `ticks` is more than `thresholdMs` whole milliseconds, without a
+// division on every leave: floor(ticks * 1000 / f) > t  <=>  ticks * 1000 >= (t + 1) * f.
+bool LongerThan(uint64_t ticks, uint64_t thresholdMs, int64_t frequency) {
+    using Wide = unsigned __int128;
+    return frequency > 0 && thresholdMs != UINT64_MAX &&
+           Wide(ticks) * 1000 >= Wide(thresholdMs + 1) * static_cast<uint64_t>(frequency);
+}
+
 // Measures the holding that ends now; true (with `hold` filled) when it was
 // longer than its threshold. Called by the holder.
 bool EndHolding(MonitoredSection* section, LongHold* hold) {
@@ -162,10 +170,13 @@ bool EndHolding(MonitoredSection* section, LongHold* hold) {
     if (now != 0) {
         const uint64_t ticks =
             now > section->entryTime ? static_cast<uint64_t>(now - section->entryTime) : 0;
-        const uint64_t ms = TicksToMs(ticks, CounterFrequency());
-        if (section->threshold != 0 && ms > section->threshold) {
-            *hold = {section->name, section->lastSite, ms, section->threshold};
-            exceeded = true;
+        if (section->threshold != 0) {
+            const int64_t frequency = CounterFrequency();
+            if (LongerThan(ticks, section->threshold, frequency)) {
+                *hold = {section->name, section->lastSite, TicksToMs(ticks, frequency),
+                         section->threshold};
+                exceeded = true;
+            }
         }
         if (section->statistics) {
             ++section->holdCount;
@@ -175,12 +186,46 @@ bool EndHolding(MonitoredSection* section, LongHold* hold) {
                 section->current->holdTicks += ticks;
             }
         }
-        section->lastDuration = ms;
+        section->lastDurationTicks = ticks;
     }
     section->threshold = 0;
     section->entryTime = 0;
     section->current = nullptr;
     return exceeded;
+}
+
+// The contended entry: event 100 around the blocking wait, which is counted
+// (with statistics) for the section and the site. Sets the entry time.
+__attribute__((noinline)) void BlockMonitored(MonitoredSection* section, const char* site,
+                                              LockSiteStats* record, bool statistics) {
+    const int64_t waitStart = statistics ? ReadCounter() : 0;
+    const bool monitored = GetDiagnosticCatalogue()->enabled;
+    if (monitored)
+        FireWait(1, section->name, site, nullptr, 0, 2);
+    EnterCriticalSection(&section->section);
+    if (monitored)
+        FireWait(2, section->name, site, section->lastSite,
+                 TicksToMs(section->lastDurationTicks, CounterFrequency()), 4);
+    section->entryTime = ReadCounter();
+    if (!statistics)
+        return;
+    const uint64_t wait = waitStart != 0 && section->entryTime > waitStart
+                              ? static_cast<uint64_t>(section->entryTime - waitStart)
+                              : 0;
+    ++section->waitCount;
+    section->totalWait += wait;
+    if (record != nullptr) {
+        ++record->waitCount;
+        record->waitTicks += wait;
+    }
+}
+
+// The calling thread's id, read from its thread block as GetCurrentThreadId
+// does, without the call: the owner test runs on every entry.
+DWORD CurrentThreadId() {
+    DWORD id;
+    __asm__("movl %%gs:0x48, %0" : "=r"(id));
+    return id;
 }
 
 } // namespace
@@ -303,7 +348,7 @@ void SetLockStatistics(MonitoredSection* section, bool enabled) {
 }
 
 void EnterMonitored(MonitoredSection* section, const char* site) {
-    const DWORD self = GetCurrentThreadId();
+    const DWORD self = CurrentThreadId();
     if (section->owner == self) {
         ++section->recursion;
         return;
@@ -316,37 +361,23 @@ void EnterMonitored(MonitoredSection* section, const char* site) {
         if (record == nullptr)
             record = RegisterLockSite(section, site);
     }
-    int64_t waitStart = 0;
-    const bool waited = !TryEnterCriticalSection(&section->section);
-    if (waited) {
-        waitStart = statistics ? ReadCounter() : 0;
-        const bool monitored = GetDiagnosticCatalogue()->enabled;
-        if (monitored)
-            FireWait(1, section->name, site, nullptr, 0, 2);
-        EnterCriticalSection(&section->section);
-        if (monitored)
-            FireWait(2, section->name, site, section->lastSite, section->lastDuration, 4);
+    if (TryEnterCriticalSection(&section->section)) {
+        section->entryTime = ReadCounter();
+    } else {
+        BlockMonitored(section, site, record, statistics);
     }
-    section->entryTime = ReadCounter();
     if (statistics) {
-        if (waited) {
-            const uint64_t wait = waitStart != 0 && section->entryTime > waitStart
-                                      ? static_cast<uint64_t>(section->entryTime - waitStart)
-                                      : 0;
-            ++section->waitCount;
-            section->totalWait += wait;
-            if (record != nullptr) {
-                ++record->waitCount;
-                record->waitTicks += wait;
-            }
-        }
         section->threshold = GetLockThresholdMs(section->thresholdKind);
         section->current = record;
     }
     section->owner = self;
     section->recursion = 1;
     section->lastSite = site;
-    section->lastDuration = 0;
+    section->lastDurationTicks = 0;
+}
+
+uint64_t GetLastDurationMs(const MonitoredSection* section) {
+    return TicksToMs(section->lastDurationTicks, CounterFrequency());
 }
 
 void LeaveMonitored(MonitoredSection* section) {
