@@ -2,7 +2,18 @@
 # The service end to end on a fresh Wine prefix: build, make a throwaway test CA
 # and a signed sample package, install and start the service, push the package
 # with the client tool, and show the result, the payload and the events.
+#   scripts/demo.sh        registers the service with "KorvantaCloudUS.exe install"
+#   scripts/demo.sh --msi  deploys it from its own package, KorvantaCloudUS.msi
 set -euo pipefail
+from_package=0
+case "${1:-}" in
+"") ;;
+--msi) from_package=1 ;;
+*)
+    echo "usage: scripts/demo.sh [--msi]" >&2
+    exit 2
+    ;;
+esac
 root=$(cd "$(dirname "$0")/.." && pwd)
 build="${KVT_BUILD:-$root/build}"
 demo="$build/demo"
@@ -16,10 +27,11 @@ step "Installing the Debian packages the project needs"
 step "Building"
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
-ninja -C "$build" KorvantaCloudUS pushupdate kvt_svcctl kvt_trustca | tail -n 1
+ninja -C "$build" KorvantaCloudUS KorvantaCloudUS_msi pushupdate tracetail kvt_svcctl kvt_trustca | tail -n 1
 service_exe="$build/clients/services/winupdate/KorvantaCloudUS.exe"
+service_msi="$build/packaging/KorvantaCloudUS.msi"
 push_exe="$build/clients/tools/pushupdate/pushupdate.exe"
-svcctl="$build/tests/kvt_svcctl.exe"
+svcctl="$build/tools/kvt_svcctl.exe"
 
 export WINEPREFIX="$demo/prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 if [ -d "$WINEPREFIX" ]; then wineserver -k 2> /dev/null || true; fi
@@ -51,11 +63,21 @@ cleanup() {
 trap cleanup EXIT
 sleep 1
 
-step "Trusting the test CA in the prefix's machine root store"
-wine "$build/tests/kvt_trustca.exe" "$(winpath "$demo/fixtures/ca.der")"
+step "Watching the report lines with the trace viewer: tracetail.exe --pid --module"
+wine "$build/clients/tools/tracetail/tracetail.exe" --pid --module > "$demo/trace.log" 2>&1 &
 
-step "Installing the service: KorvantaCloudUS.exe install"
-WINEDEBUG=-all,trace+eventlog wine "$service_exe" install 2>> "$demo/events.log" | od -c | head -n 5
+step "Trusting the test CA in the prefix's machine root store"
+wine "$build/tools/kvt_trustca.exe" "$(winpath "$demo/fixtures/ca.der")"
+
+if ((from_package)); then
+    step "Deploying the service from its package: msiexec /qn /i KorvantaCloudUS.msi"
+    wine msiexec /qn /l*v "$(winpath "$demo/msiexec.log")" /i "$(winpath "$service_msi")"
+    echo "msiexec log: $demo/msiexec.log"
+    ls -l "$WINEPREFIX/drive_c/Program Files/Korvanta/Cloud/"
+else
+    step "Installing the service: KorvantaCloudUS.exe install"
+    WINEDEBUG=-all,trace+eventlog wine "$service_exe" install 2>> "$demo/events.log" | od -c | head -n 5
+fi
 wine reg query 'HKLM\System\CurrentControlSet\Services\KORVANTACLOUDUS'
 
 step "Starting, pausing and continuing the service"
@@ -82,6 +104,9 @@ cat "$payload"
 
 step "Stopping the service"
 wine "$svcctl" stop KORVANTACLOUDUS
+
+step "The report lines the trace viewer received"
+cat "$demo/trace.log"
 
 step "The service's events (ReportEventW, as Wine prints them)"
 sleep 0.5

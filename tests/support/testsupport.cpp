@@ -1,6 +1,11 @@
 #include "testsupport.h"
 
 #include "handles.h"
+#include "private/reportstate.h"
+#include "trace.h"
+
+#include <cstdio>
+#include <utility>
 
 #include <algorithm>
 #include <atomic>
@@ -156,6 +161,44 @@ bool WaitForPath(const std::wstring& path, DWORD timeoutMs) {
     while (!PathExists(path) && GetTickCount64() <= deadline)
         Sleep(100);
     return PathExists(path);
+}
+
+namespace {
+std::string s_reportLines;
+}
+
+ReportLines::ReportLines(bool bare) {
+    s_reportLines.clear();
+    // Flags of exactly 0xF000: no letters, no columns, no ": ".
+    GetThreadReportState()->headerFlagsOverride = bare;
+    GetThreadReportState()->headerFlags = 0xF000;
+    SetTraceHook(
+        [](const char* line, uint32_t) { return s_reportLines += line + std::string("\n"), true; });
+}
+
+ReportLines::~ReportLines() {
+    SetTraceHook(nullptr);
+    GetThreadReportState()->headerFlagsOverride = false;
+}
+
+std::string ReportLines::Take() {
+    return std::exchange(s_reportLines, std::string());
+}
+
+bool ReportLines::Contains(const std::string& part) const {
+    return s_reportLines.find(part) != std::string::npos;
+}
+
+std::string PlatformErrorText(DWORD code) {
+    wchar_t text[512] = {};
+    FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS |
+                       FORMAT_MESSAGE_MAX_WIDTH_MASK,
+                   nullptr, code, 0, text, 512, nullptr);
+    std::string out = Narrow(text);
+    out.erase(out.find_last_not_of("\r\n ") + 1);
+    char number[32];
+    snprintf(number, sizeof number, " (0x%08lX/%lu)", code, code);
+    return out + number;
 }
 
 std::vector<std::string> SplitLines(const std::string& text) {

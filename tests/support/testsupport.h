@@ -47,6 +47,23 @@ bool PathExists(const std::wstring& path);
 // Polls until the path exists or the time runs out.
 bool WaitForPath(const std::wstring& path, DWORD timeoutMs);
 
+// The report lines written while one lives (through the trace hook, which it
+// installs and removes). Bare: this thread's lines come without a header.
+class ReportLines {
+  public:
+    explicit ReportLines(bool bare = false);
+    ~ReportLines();
+    ReportLines(const ReportLines&) = delete;
+    ReportLines& operator=(const ReportLines&) = delete;
+    // The lines so far, each followed by '\n', and forgets them.
+    std::string Take();
+    bool Contains(const std::string& part) const;
+};
+
+// The system's own text for an error code, as FormatSystemError quotes it:
+// "<text> (0x%08lX/%lu)".
+std::string PlatformErrorText(DWORD code);
+
 // The lines of a text, split at LF with a CR before it removed.
 std::vector<std::string> SplitLines(const std::string& text);
 // A REG_SZ value ("" when absent).

@@ -12,8 +12,13 @@ struct ProductConstantsTable {
 // Writable, so a build for another product can point the entries elsewhere.
 extern ProductConstantsTable ProductConstants;
 
-// The spool: the drop directory below the common application data folder, the
-// update directory below the program files folder.
+// The build switch: without the product folder level in the drop directory, and
+// without the "AUTOUPDATE_URL" policy gate (CMake option KVT_QUEUE_WITHOUT_PRODUCT_FOLDER).
+inline constexpr bool QueueWithoutProductFolder = KVT_QUEUE_WITHOUT_PRODUCT_FOLDER;
+
+// The spool: the drop directory below the common application data folder (with
+// the product folder word when the switch is off), the update directory below
+// the program files folder.
 inline constexpr char kDropFolder[] = "korvanta.plugin";
 inline constexpr char kUpdateCompanyFolder[] = "Korvanta";
 inline constexpr char kUpdateFolder[] = "Update";

@@ -6,7 +6,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cwchar>
 
 #include "constants.h"
 #include "host.h"
@@ -19,14 +18,13 @@ namespace {
 // own CR LF, which a text-mode stream would double, and a binary-mode stream
 // would write wide characters as raw UTF-16. So format wide, write UTF-8.
 void PrintWide(const wchar_t* format, ...) {
-    wchar_t buffer[1024];
     va_list arguments;
     va_start(arguments, format);
-    const int length = vswprintf(buffer, 1024, format, arguments);
+    const WStr wide = WStrFormatV(format, arguments);
     va_end(arguments);
-    if (length <= 0)
+    if (wide.IsEmpty())
         return;
-    const Str text = Str::FromUtf16(buffer, static_cast<uint32_t>(length));
+    const Str text = Str::FromUtf16(wide);
     fflush(stdout);
     const int previous = _setmode(_fileno(stdout), _O_BINARY);
     fwrite(text.Text(), 1, text.Length(), stdout);

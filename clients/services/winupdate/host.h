@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "handles.h"
 #include "str.h"
 
 inline constexpr size_t kServiceTextLimit = 255;
@@ -47,7 +48,7 @@ struct ServiceContext {
                              0,
                              0};
     SERVICE_STATUS_HANDLE statusHandle = nullptr;
-    HANDLE events[5] = {};
+    UniqueHandle events[5];
     DWORD pendingState[5] = {SERVICE_START_PENDING, SERVICE_PAUSE_PENDING, SERVICE_CONTINUE_PENDING,
                              SERVICE_STOP_PENDING, 0};
     void (*step)() = nullptr;       // the processing pass

@@ -10,10 +10,13 @@
 #include "private/seams.h"
 #include "str.h"
 
-// The control loop: the pass it runs and the time-out of its wait (0: the product's).
+// The control loop: the pass it runs and the time-out of its wait (0: the
+// product's); and the service manager's opening, which fails only without
+// administrative rights, which Wine always grants.
 struct ServiceSeams {
     void (*step)();
     DWORD waitMs;
+    SC_HANDLE(WINAPI* openSCManager)(LPCSTR machine, LPCSTR database, DWORD access);
 };
 void SetServiceSeamsForTesting(const ServiceSeams* seams);
 

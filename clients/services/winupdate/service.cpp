@@ -21,7 +21,8 @@ void SetServiceSeamsForTesting(const ServiceSeams* seams) {
 // Installation
 
 int InstallService() {
-    UniqueServiceHandle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+    const auto openManager = s_seams.Pick(&ServiceSeams::openSCManager, &OpenSCManagerA);
+    UniqueServiceHandle manager(openManager(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
     if (!manager) {
         ReportFunctionFailure("OpenSCManager");
         return 1;
@@ -111,15 +112,15 @@ bool CreateServiceContext(ServiceContext* context, const WStr& serviceName) {
         return false;
     }
     for (int i = 0; i < 4; ++i) {
-        context->events[i] = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-        if (context->events[i] == nullptr) {
+        context->events[i].Reset(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+        if (!context->events[i]) {
             context->lastError = GetLastError();
             ReportFunctionFailure("CreateEvent");
             return false;
         }
     }
-    context->events[4] = CreateMSIPushEvent();
-    if (context->events[4] == nullptr) {
+    context->events[4].Reset(CreateMSIPushEvent());
+    if (!context->events[4]) {
         context->lastError = GetLastError();
         ReportFunctionFailure("CreateMSIPushEvent");
         return false;
@@ -129,11 +130,8 @@ bool CreateServiceContext(ServiceContext* context, const WStr& serviceName) {
 }
 
 void CloseServiceContext(ServiceContext* context) {
-    for (HANDLE& event : context->events) {
-        if (event != nullptr)
-            CloseHandle(event);
-        event = nullptr;
-    }
+    for (UniqueHandle& event : context->events)
+        event.Reset();
 }
 
 namespace {
@@ -158,7 +156,7 @@ DWORD SetServiceState(ServiceContext* context, DWORD request) {
         return context->lastError;
     if (!SendStatus(context, context->pendingState[request]))
         return context->lastError;
-    if (!SetEvent(context->events[request])) {
+    if (!SetEvent(context->events[request].Get())) {
         context->lastError = GetLastError();
         ReportFunctionFailure("SetEvent");
         return context->lastError;
@@ -184,7 +182,10 @@ DWORD WINAPI ServiceControlHandler(DWORD control, DWORD, LPVOID, LPVOID contextP
 }
 
 bool WaitServiceEvent(ServiceContext* context) {
-    const DWORD result = WaitForMultipleObjects(5, context->events, FALSE, context->waitMs);
+    HANDLE events[5];
+    for (int i = 0; i < 5; ++i)
+        events[i] = context->events[i].Get();
+    const DWORD result = WaitForMultipleObjects(5, events, FALSE, context->waitMs);
     switch (result) {
     case WAIT_OBJECT_0 + kRequestStarted:
         ReportServiceMessage("started");

@@ -6,10 +6,6 @@
 
 #include "str.h"
 
-// Without the product folder level in the drop directory, and without the
-// "AUTOUPDATE_URL" policy gate.
-inline constexpr bool QueueWithoutProductFolder = true;
-
 // Result codes of one request.
 enum ResultCode : uint32_t {
     kResultStarted = 0,

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "constants.h"
 #include "files.h"
 #include "handles.h"
 #include "private/system.h"
@@ -28,12 +29,6 @@ constexpr int kExitNoService = 11;
 constexpr int kExitTimedOut = 12;
 constexpr int kExitNotPlaced = 13; // the request could not be placed
 constexpr int kExitBadAnswer = 14; // the answer could not be read or understood
-
-constexpr wchar_t kPushEventName[] = L"Global\\com.korvanta.updateservice.msipush";
-constexpr char kPushEventNameText[] = "Global\\com.korvanta.updateservice.msipush";
-constexpr char kDropFolder[] = "korvanta.plugin";
-constexpr char kCompanyFolder[] = "Korvanta";
-constexpr char kUpdateFolder[] = "Update";
 
 constexpr uint32_t kDefaultTimeoutSeconds = 120;
 constexpr uint32_t kMaximumTimeoutSeconds = 86400;
@@ -148,18 +143,9 @@ struct Options {
 
 // A whole decimal number in [1, maximum].
 bool ParseSeconds(const Str& text, uint32_t maximum, uint32_t& value) {
-    const char* p = text.Text();
-    if (*p == 0)
-        return false;
     uint64_t number = 0;
-    for (; *p != 0; ++p) {
-        if (*p < '0' || *p > '9')
-            return false;
-        number = number * 10 + static_cast<uint32_t>(*p - '0');
-        if (number > maximum)
-            return false;
-    }
-    if (number == 0)
+    const char* end = ParseDecimal(text.Text(), maximum, number);
+    if (end == nullptr || *end != 0 || number == 0)
         return false;
     value = static_cast<uint32_t>(number);
     return true;
@@ -326,33 +312,19 @@ bool ReadResultText(const Str& path, Str& text) {
     return true;
 }
 
-bool ParseNumber(const char*& p, uint32_t& value) {
-    if (*p < '0' || *p > '9')
-        return false;
-    uint64_t number = 0;
-    for (; *p >= '0' && *p <= '9'; ++p) {
-        number = number * 10 + static_cast<uint32_t>(*p - '0');
-        if (number > 0xFFFFFFFFull)
-            return false;
-    }
-    value = static_cast<uint32_t>(number);
-    return true;
-}
-
 // "%u|%s: %u"; the line may not end in a line break, but one is tolerated.
 bool ParseResultLine(const Str& line, uint32_t& code) {
-    const char* p = line.Text();
-    uint32_t flag = 0;
-    if (!ParseNumber(p, flag) || *p != '|')
+    uint64_t flag = 0, number = 0;
+    const char* p = ParseDecimal(line.Text(), 0xFFFFFFFF, flag);
+    if (p == nullptr || *p != '|')
         return false;
     const char* separator = strstr(p + 1, ": ");
-    if (separator == nullptr)
-        return false;
-    p = separator + 2;
-    if (!ParseNumber(p, code))
+    p = separator != nullptr ? ParseDecimal(separator + 2, 0xFFFFFFFF, number) : nullptr;
+    if (p == nullptr)
         return false;
     while (*p == '\r' || *p == '\n')
         ++p;
+    code = static_cast<uint32_t>(number);
     return *p == 0;
 }
 
@@ -374,12 +346,21 @@ bool IsNotFound(DWORD error) {
     return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
 }
 
-int Run() {
+// The files of one request and its answer.
+struct Request {
+    Str stem;
+    Str drop;    // the drop directory
+    Str package; // <stem>.msi in the drop directory
+    Str marker;  // <stem>.pending beside it
+    Str result;  // <stem>.result in the results directory
+};
+
+// Reads the options; an exit code when there is nothing more to do.
+int ReadOptions(Options& options) {
     if (CommandLineArgumentCount() <= 1) {
         WriteStd(STD_ERROR_HANDLE, Str(kUsage));
         return kExitUsage;
     }
-    Options options;
     if (!ParseArguments(options)) {
         Fail("Run pushupdate.exe --help for the usage.");
         return kExitUsage;
@@ -388,180 +369,193 @@ int Run() {
         WriteStd(STD_OUTPUT_HANDLE, Str(kUsage));
         return kExitUsage;
     }
+    return -1;
+}
 
-    // The package.
-    const WStr packagePlatform = ToPlatformPath(options.package);
-    WIN32_FILE_ATTRIBUTE_DATA packageData;
-    if (packagePlatform.IsEmpty() ||
-        !GetFileAttributesExW(packagePlatform.Text(), GetFileExInfoStandard, &packageData)) {
+// The package must be a file, and its stem a name for four files; an exit code when not.
+int CheckPackage(const Options& options, Str& stem) {
+    const WStr platform = ToPlatformPath(options.package);
+    const DWORD attributes =
+        platform.IsEmpty() ? INVALID_FILE_ATTRIBUTES : GetFileAttributesW(platform.Text());
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
         FailWithError(GetLastError(), "The package [%s] cannot be found", options.package.Text());
         return kExitNoPackage;
     }
-    if (packageData.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+    if (attributes & FILE_ATTRIBUTE_DIRECTORY) {
         Fail("The package [%s] is a directory, not a file.", options.package.Text());
         return kExitNoPackage;
     }
-    const Str stem = options.stemGiven ? options.stem : PathStem(options.package);
+    stem = options.stemGiven ? options.stem : PathStem(options.package);
     if (!CheckStem(stem)) {
         if (!options.stemGiven)
             Fail("Give a request name with --stem.");
         return kExitUsage;
     }
+    return -1;
+}
 
-    // Where the request goes and where the answer comes.
-    const Str drop = options.dropDirectory.IsEmpty()
-                         ? FolderBelow(kDirectoryCommonAppData, "common application data folder",
-                                       kDropFolder, nullptr)
-                         : options.dropDirectory;
+// Where the request goes and where its answer comes; false after saying why.
+bool LocateRequest(const Options& options, const Str& stem, Request& request) {
+    const char* productFolder =
+        QueueWithoutProductFolder ? nullptr : ProductConstants.productFolder;
+    request.stem = stem;
+    request.drop = options.dropDirectory.IsEmpty()
+                       ? FolderBelow(kDirectoryCommonAppData, "common application data folder",
+                                     kDropFolder, productFolder)
+                       : options.dropDirectory;
     const Str results = options.resultDirectory.IsEmpty()
                             ? FolderBelow(kDirectoryProgramFiles, "program files folder",
-                                          kCompanyFolder, kUpdateFolder)
+                                          kUpdateCompanyFolder, kUpdateFolder)
                             : options.resultDirectory;
-    if (drop.IsEmpty() || results.IsEmpty())
-        return kExitNotPlaced;
-    const Str packageTarget = FileIn(drop, stem, ".msi");
-    const Str marker = FileIn(drop, stem, ".pending");
-    const Str result = FileIn(results, stem, ".result");
-    if (packageTarget.IsEmpty() || marker.IsEmpty() || result.IsEmpty())
-        return kExitNotPlaced;
+    if (request.drop.IsEmpty() || results.IsEmpty())
+        return false;
+    request.package = FileIn(request.drop, stem, ".msi");
+    request.marker = FileIn(request.drop, stem, ".pending");
+    request.result = FileIn(results, stem, ".result");
+    return !request.package.IsEmpty() && !request.marker.IsEmpty() && !request.result.IsEmpty();
+}
 
-    // Nothing is written unless the service is there to take it.
-    UniqueHandle pushEvent(OpenEventW(EVENT_MODIFY_STATE, FALSE, kPushEventName));
-    if (!pushEvent) {
-        const DWORD error = GetLastError();
-        if (error == ERROR_FILE_NOT_FOUND)
-            FailWithError(error,
-                          "The update service is not running: its push event [%s] does not exist",
-                          kPushEventNameText);
-        else
-            FailWithError(error,
-                          "The update service cannot be reached: its push event [%s] "
-                          "cannot be opened",
-                          kPushEventNameText);
-        return kExitNoService;
-    }
+// The service's push event; nothing is written unless the service is there to take it.
+bool OpenPushEvent(UniqueHandle& event) {
+    const char* name = ProductConstants.pushEventName;
+    event.Reset(OpenEventW(EVENT_MODIFY_STATE, FALSE, WStr::FromUtf8(Str(name)).Text()));
+    if (event)
+        return true;
+    const DWORD error = GetLastError();
+    if (error == ERROR_FILE_NOT_FOUND)
+        FailWithError(
+            error, "The update service is not running: its push event [%s] does not exist", name);
+    else
+        FailWithError(error,
+                      "The update service cannot be reached: its push event [%s] cannot be opened",
+                      name);
+    return false;
+}
 
+// The drop directory exists afterwards and holds no waiting request of this name.
+bool PrepareDrop(const Request& request) {
     // A request of the same name that is still waiting would get our package and
     // give its answer to both of us.
-    if (FileExists(marker)) {
+    if (FileExists(request.marker)) {
         Fail("A request named [%s] is already waiting in [%s]; wait for its answer, or choose "
              "another name with --stem.",
-             stem.Text(), drop.Text());
-        return kExitNotPlaced;
+             request.stem.Text(), request.drop.Text());
+        return false;
     }
-
-    const WStr dropPlatform = ToPlatformPath(drop);
-    const DWORD dropAttributes = GetFileAttributesW(dropPlatform.Text());
-    if (dropAttributes == INVALID_FILE_ATTRIBUTES) {
-        if (!CreateDirectoryPath(drop, true, false)) {
-            FailWithError(GetLastError(), "The drop directory [%s] cannot be created", drop.Text());
-            return kExitNotPlaced;
+    const WStr platform = ToPlatformPath(request.drop);
+    const DWORD attributes = GetFileAttributesW(platform.Text());
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
+        if (!CreateDirectoryPath(request.drop, true, false)) {
+            FailWithError(GetLastError(), "The drop directory [%s] cannot be created",
+                          request.drop.Text());
+            return false;
         }
-        Say("Created the drop directory [%s].", drop.Text());
-    } else if ((dropAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
-        Fail("The drop directory [%s] is a file, not a directory.", drop.Text());
-        return kExitNotPlaced;
+        Say("Created the drop directory [%s].", request.drop.Text());
+    } else if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+        Fail("The drop directory [%s] is a file, not a directory.", request.drop.Text());
+        return false;
     }
+    return true;
+}
 
-    // The push begins: answers written from here on may be ours.
-    const uint64_t pushTime = NowFileTime();
-    const FileStamp before = StampOf(result);
-
-    Str temporary(drop);
+// The package, complete under its name before the marker comes, then the marker
+// and the push; false after saying why, with nothing of ours left waiting.
+bool PlaceRequest(const Options& options, const Request& request, HANDLE pushEvent) {
+    Str temporary(request.drop);
     const Str temporaryName =
         StrFormat("pushupdate-%lu-%llu.tmp", static_cast<unsigned long>(GetCurrentProcessId()),
                   static_cast<unsigned long long>(GetTickCount64()));
     if (!AppendPathComponent(temporary, temporaryName.Text())) {
         FailWithError(GetLastError(), "The path of a temporary file in [%s] cannot be built",
-                      drop.Text());
-        return kExitNotPlaced;
+                      request.drop.Text());
+        return false;
     }
     if (!CopyFilePath(options.package, temporary, true)) {
         FailWithError(GetLastError(), "Copying the package [%s] to [%s] failed",
                       options.package.Text(), temporary.Text());
         DeleteFilePath(temporary, false);
-        return kExitNotPlaced;
+        return false;
     }
-    if (!MoveFilePath(temporary, packageTarget, false)) {
+    if (!MoveFilePath(temporary, request.package, false)) {
         FailWithError(GetLastError(), "Renaming [%s] to [%s] failed", temporary.Text(),
-                      packageTarget.Text());
+                      request.package.Text());
         DeleteFilePath(temporary, false);
-        return kExitNotPlaced;
+        return false;
     }
-    if (!CreateEmptyFile(marker)) {
+    if (!CreateEmptyFile(request.marker)) {
         // Without its marker the service does not touch the package: take it back.
-        FailWithError(GetLastError(), "Creating the request marker [%s] failed", marker.Text());
-        DeleteFilePath(packageTarget, false);
-        return kExitNotPlaced;
+        FailWithError(GetLastError(), "Creating the request marker [%s] failed",
+                      request.marker.Text());
+        DeleteFilePath(request.package, false);
+        return false;
     }
-    if (!SetEvent(pushEvent.Get())) {
-        FailWithError(GetLastError(), "Signalling the push event [%s] failed", kPushEventNameText);
-        if (WithdrawRequest(marker))
-            Fail("The request [%s] was withdrawn; the package [%s] stays where it is.",
-                 marker.Text(), packageTarget.Text());
-        else if (!IsNotFound(GetLastError()))
-            FailWithError(GetLastError(), "Withdrawing the request [%s] failed", marker.Text());
-        return kExitNotPlaced;
-    }
-    Say("Pushed [%s] as [%s]; waiting up to %u s for the answer [%s].", options.package.Text(),
-        packageTarget.Text(), options.timeoutSeconds, result.Text());
+    if (SetEvent(pushEvent))
+        return true;
+    FailWithError(GetLastError(), "Signalling the push event [%s] failed",
+                  ProductConstants.pushEventName);
+    if (WithdrawRequest(request.marker))
+        Fail("The request [%s] was withdrawn; the package [%s] stays where it is.",
+             request.marker.Text(), request.package.Text());
+    else if (!IsNotFound(GetLastError()))
+        FailWithError(GetLastError(), "Withdrawing the request [%s] failed", request.marker.Text());
+    return false;
+}
 
-    // The answer. A result file that is there but cannot be read or understood
-    // yet is retried until the time is up: the service may still be writing it.
-    const ULONGLONG deadline = GetTickCount64() + options.timeoutSeconds * 1000ull;
+// No answer at all in time: our marker goes if the service has not taken it.
+int ReportTimeOut(const Request& request, uint32_t seconds) {
+    if (WithdrawRequest(request.marker))
+        Fail("No answer from the update service within %u s, and the request was still waiting: "
+             "it was withdrawn by deleting [%s] (is the service paused, or are automatic updates "
+             "switched off by policy?). The package [%s] stays where it is.",
+             seconds, request.marker.Text(), request.package.Text());
+    else if (IsNotFound(GetLastError()))
+        Fail("No answer from the update service within %u s: it took the request, but no answer "
+             "appeared as [%s].",
+             seconds, request.result.Text());
+    else
+        FailWithError(GetLastError(),
+                      "No answer from the update service within %u s, and withdrawing the "
+                      "request [%s] failed",
+                      seconds, request.marker.Text());
+    return kExitTimedOut;
+}
+
+// Waits for the answer to the push that began at pushTime and says it; the exit
+// code is its result code. A result file that is there but cannot be read or
+// understood yet is retried until the time is up: the service may still be
+// writing it.
+int AwaitAnswer(const Request& request, uint32_t seconds, const FileStamp& before,
+                uint64_t pushTime) {
+    const ULONGLONG deadline = GetTickCount64() + seconds * 1000ull;
     bool answerSeen = false;
     DWORD readError = 0;
     Str line;
     uint32_t code = 0;
     for (;;) {
-        if (IsAnswer(before, StampOf(result), pushTime)) {
+        if (IsAnswer(before, StampOf(request.result), pushTime)) {
             answerSeen = true;
             Str text;
-            if (!ReadResultText(result, text)) {
-                readError = GetLastError();
-            } else if (text.IsEmpty()) {
-                readError = 0;
-                line = text;
-            } else if (ParseResultLine(text, code)) {
+            readError = ReadResultText(request.result, text) ? 0 : GetLastError();
+            if (readError == 0 && !text.IsEmpty() && ParseResultLine(text, code)) {
                 line = WithoutLineEnd(text);
                 break;
-            } else {
-                readError = 0;
-                line = text;
             }
+            line = text;
         }
         if (GetTickCount64() >= deadline) {
-            if (!answerSeen) {
-                const uint32_t seconds = options.timeoutSeconds;
-                if (WithdrawRequest(marker))
-                    Fail("No answer from the update service within %u s, and the request was "
-                         "still waiting: it was withdrawn by deleting [%s] (is the service "
-                         "paused, or are automatic updates switched off by policy?). The "
-                         "package [%s] stays where it is.",
-                         seconds, marker.Text(), packageTarget.Text());
-                else if (IsNotFound(GetLastError()))
-                    Fail("No answer from the update service within %u s: it took the request, "
-                         "but no answer appeared as [%s].",
-                         seconds, result.Text());
-                else
-                    FailWithError(GetLastError(),
-                                  "No answer from the update service within %u s, and "
-                                  "withdrawing the request [%s] failed",
-                                  seconds, marker.Text());
-                return kExitTimedOut;
-            }
+            if (!answerSeen)
+                return ReportTimeOut(request, seconds);
             if (readError != 0)
-                FailWithError(readError, "The answer [%s] cannot be read", result.Text());
+                FailWithError(readError, "The answer [%s] cannot be read", request.result.Text());
             else if (line.IsEmpty())
-                Fail("The answer [%s] stayed empty.", result.Text());
+                Fail("The answer [%s] stayed empty.", request.result.Text());
             else
-                Fail("The answer [%s] is not a result line: [%s].", result.Text(),
+                Fail("The answer [%s] is not a result line: [%s].", request.result.Text(),
                      WithoutLineEnd(line).Text());
             return kExitBadAnswer;
         }
         Sleep(kPollMs);
     }
-
     Say("%s", line.Text());
     if (code >= kResultCodeCount) {
         Fail("The update service answered with the unknown result code %u.", code);
@@ -569,6 +563,31 @@ int Run() {
     }
     Say("Result code %u: %s.", code, kResultMeanings[code]);
     return static_cast<int>(code);
+}
+
+int Run() {
+    Options options;
+    Str stem;
+    Request request;
+    UniqueHandle pushEvent;
+    if (const int code = ReadOptions(options); code >= 0)
+        return code;
+    if (const int code = CheckPackage(options, stem); code >= 0)
+        return code;
+    if (!LocateRequest(options, stem, request))
+        return kExitNotPlaced;
+    if (!OpenPushEvent(pushEvent))
+        return kExitNoService;
+    if (!PrepareDrop(request))
+        return kExitNotPlaced;
+    // The push begins: answers written from here on may be ours.
+    const uint64_t pushTime = NowFileTime();
+    const FileStamp before = StampOf(request.result);
+    if (!PlaceRequest(options, request, pushEvent.Get()))
+        return kExitNotPlaced;
+    Say("Pushed [%s] as [%s]; waiting up to %u s for the answer [%s].", options.package.Text(),
+        request.package.Text(), options.timeoutSeconds, request.result.Text());
+    return AwaitAnswer(request, options.timeoutSeconds, before, pushTime);
 }
 
 } // namespace

@@ -20,8 +20,8 @@ template <class T> inline void Link(T* object) {
                    count);
 }
 
-// Destroys the object at count zero through the DestroyCounted overload of its type.
-template <class T> inline void Unlink(T* object) {
+// Destroys the object at count zero with destroy(object).
+template <class T, class Destroy> inline void Unlink(T* object, Destroy destroy) {
     if (object == nullptr)
         return;
     const int32_t count = __atomic_sub_fetch(&object->count, 1, __ATOMIC_SEQ_CST);
@@ -30,7 +30,12 @@ template <class T> inline void Unlink(T* object) {
     if (count < 0)
         FatalError("Reference::Unlink: %p: Invalid reference count (%d)",
                    static_cast<void*>(object), count);
-    DestroyCounted(object);
+    destroy(object);
+}
+
+// Destroys the object at count zero through the DestroyCounted overload of its type.
+template <class T> inline void Unlink(T* object) {
+    Unlink(object, [](T* dead) { DestroyCounted(dead); });
 }
 
 template <class T> inline int32_t Count(const T* object) {

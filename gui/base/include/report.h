@@ -74,9 +74,9 @@ bool ReportEvent(const Str& source, uint32_t eventNumber, const EventDescriptor&
                  bool processInfo, uint32_t level, uint32_t category, bool installSource);
 
 // The base library's error report: source "QELGUI", event number = code,
-// level "err", with the named values and the source location.
+// level "err", with the named values (at most 8) and the source location.
 void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t code, const char* message,
-                        const EventValue* values, uint32_t valueCount);
+                        const EventValue* values, uint32_t valueCount, uint32_t category = 0);
 
 LogType GetLogType();
 void InstallEventSource(const Str& sourceName);

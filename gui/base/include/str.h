@@ -126,6 +126,10 @@ void UpperCaseUtf8(char* text);
 // is no digit or the number is above maximum.
 const char* ParseDecimal(const char* text, uint64_t maximum, uint64_t& value);
 
-// printf-style formatting into a Str.
+// printf-style formatting into a Str (C99 conversions); empty when the format
+// fails, also by a fault on a bad argument, which the library's guard reports.
 Str StrFormat(const char* format, ...) __attribute__((format(gnu_printf, 1, 2)));
 Str StrFormatV(const char* format, va_list arguments);
+// The same into a WStr: "%s" takes a narrow text, "%ls" a wide one.
+WStr WStrFormat(const wchar_t* format, ...);
+WStr WStrFormatV(const wchar_t* format, va_list arguments);

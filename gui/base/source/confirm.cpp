@@ -5,6 +5,7 @@
 #include "handles.h"
 #include "private/reportstate.h"
 #include "private/seams.h"
+#include "private/system.h"
 #include "report.h"
 
 namespace {
@@ -22,7 +23,7 @@ struct BoxRequest {
 
 SeamSlot<ReportSeams> s_seams;
 
-DWORD WINAPI BoxThread(void* parameter) {
+void ShowBox(void* parameter) {
     auto* request = static_cast<BoxRequest*>(parameter);
     const char caption[] = "Korvanta Tracer";
     const uint32_t style = request->type | MB_ICONERROR | MB_SYSTEMMODAL | MB_SETFOREGROUND;
@@ -30,11 +31,17 @@ DWORD WINAPI BoxThread(void* parameter) {
     if (seams != nullptr && seams->messageBox != nullptr) {
         request->answer =
             seams->messageBox(request->text, caption, style, &request->shift, &request->control);
-        return 0;
+        return;
     }
     request->answer = MessageBoxA(nullptr, request->text, caption, style);
     request->shift = GetKeyState(VK_SHIFT) < 0;
     request->control = GetKeyState(VK_CONTROL) < 0;
+}
+
+// A fault in the box (a bad text, a broken window hook) ends the box, not the
+// process; the answer stays 0.
+DWORD WINAPI BoxThread(void* parameter) {
+    RunGuarded("MessageBoxThread", ExceptionFilter, ShowBox, parameter);
     return 0;
 }
 

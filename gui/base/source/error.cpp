@@ -412,21 +412,26 @@ bool IsJsonNumber(const char* p) {
     return *p == 0;
 }
 
+// ,"name":"text" or ,"name":number
 void AppendJsonMember(Str& record, const char* name, const char* text, bool number) {
-    record.Append(",");
-    WriteJsonString(name, record, nullptr, true);
-    record.Append(":");
+    record.AppendChar(',');
+    WriteJsonName(name, record);
     if (number)
         record.Append(text);
     else
         WriteJsonString(text, record, nullptr, true);
 }
 
+void AppendJsonNumber(Str& record, const char* name, uint64_t number) {
+    record.AppendChar(',');
+    WriteJsonName(name, record);
+    WriteJsonNumber(number, record);
+}
+
 Str BuildRecord(const Str& text, uint32_t level, const EventDescriptor& descriptor,
                 bool processInfo) {
     Str record("{");
-    WriteJsonString("@timestamp", record, nullptr, true);
-    record.Append(":");
+    WriteJsonName("@timestamp", record);
     WriteJsonString(LocalTimeText(kTimeTextRecord).Text(), record, nullptr, true);
     AppendJsonMember(record, "level", LevelName(level), false);
     AppendJsonMember(record, "message", text.Text(), false);
@@ -439,12 +444,8 @@ Str BuildRecord(const Str& text, uint32_t level, const EventDescriptor& descript
     }
     if (processInfo) {
         AppendJsonMember(record, "version", GetModuleVersion().Text(), false);
-        AppendJsonMember(record, "processid",
-                         StrFormat("%lu", static_cast<unsigned long>(GetCurrentProcessId())).Text(),
-                         true);
-        AppendJsonMember(record, "threadid",
-                         StrFormat("%lu", static_cast<unsigned long>(GetCurrentThreadId())).Text(),
-                         true);
+        AppendJsonNumber(record, "processid", GetCurrentProcessId());
+        AppendJsonNumber(record, "threadid", GetCurrentThreadId());
     }
     record.Append("}\n");
     return record;
@@ -505,7 +506,9 @@ bool ReportEvent(const Str& source, uint32_t eventNumber, const EventDescriptor&
         return ReportEventW(handle, EventLogType(level), static_cast<WORD>(category), 0, nullptr, 1,
                             0, strings, nullptr) != FALSE;
     }
-    if (watcher == nullptr)
+    // A stream without a real handle behind it (a process started without one)
+    // takes the record nowhere: say so rather than claim it was written.
+    if (watcher == nullptr || watcher->ownConsole)
         return false;
     const Str record = BuildRecord(text, level, descriptor, processInfo);
     const bool written =
@@ -515,7 +518,7 @@ bool ReportEvent(const Str& source, uint32_t eventNumber, const EventDescriptor&
 }
 
 void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t code, const char* message,
-                        const EventValue* values, uint32_t valueCount) {
+                        const EventValue* values, uint32_t valueCount, uint32_t category) {
     // A report that fails the same way must not recurse into itself.
     static thread_local bool t_reporting = false;
     if (t_reporting)
@@ -532,6 +535,6 @@ void ReportLibraryError(const char* sourceFile, uint32_t line, uint32_t code, co
     descriptor.message = message;
     descriptor.values = all;
     descriptor.valueCount = n;
-    ReportEvent(Str(kLibrarySource), code, descriptor, true, kLevelErr, 0, false);
+    ReportEvent(Str(kLibrarySource), code, descriptor, true, kLevelErr, category, false);
     t_reporting = false;
 }

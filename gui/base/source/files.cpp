@@ -9,6 +9,7 @@
 #include <new>
 
 #include "handles.h"
+#include "private/growbuffer.h"
 #include "private/seams.h"
 #include "report.h"
 
@@ -78,21 +79,18 @@ bool IsLongPathCandidate(const WStr& path) {
 
 // "\\?\" + the full path; empty when the full path cannot be computed.
 WStr ExtendedPath(const WStr& plain) {
-    static constexpr wchar_t kPrefix[] = L"\\\\?\\";
-    constexpr uint32_t kPrefixLength = 4;
-    WStr result;
     LastErrorKeeper keep;
-    const DWORD needed = GetFullPathNameW(plain.Text(), 0, nullptr, nullptr);
-    if (needed == 0)
-        return result;
-    wchar_t* buffer = result.Reserve(kPrefixLength + needed);
-    if (buffer == nullptr)
-        return result;
-    memcpy(buffer, kPrefix, kPrefixLength * sizeof(wchar_t));
-    const DWORD written = GetFullPathNameW(plain.Text(), needed, buffer + kPrefixLength, nullptr);
-    if (written == 0 || written >= needed)
+    WStr full;
+    if (!FillGrowing(
+            [&plain](wchar_t* buffer, uint32_t capacity, uint32_t* needed) {
+                const DWORD length = GetFullPathNameW(plain.Text(), capacity, buffer, nullptr);
+                *needed = length < capacity ? length + 1 : length;
+                return length != 0;
+            },
+            full))
         return WStr();
-    return result;
+    WStr result(L"\\\\?\\");
+    return result.Append(full) ? result : WStr();
 }
 
 } // namespace

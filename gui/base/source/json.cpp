@@ -15,7 +15,7 @@ constexpr uint64_t kMax32 = 0xFFFFFFFFull;
 // Escapes are collected here and handed to the writer in pieces; one
 // character writes at most 12 bytes (a surrogate pair).
 constexpr uint32_t kPendingBytes = 2048;
-constexpr uint32_t kLongestEscape = 12;
+constexpr uint32_t kLongestEscape = 12 + 2; // a surrogate pair, and a word's excess
 
 // Smallest value that needs n bytes, to tell an overlong form (n = 2..4).
 constexpr uint32_t kShortestValue[5] = {0, 0, 0x80, 0x800, 0x10000};
@@ -46,18 +46,19 @@ size_t MeasureText(const char* text) {
     return static_cast<size_t>(reinterpret_cast<const char*>(block) + __builtin_ctz(mask) - text);
 }
 
-// First byte at or after p that ends a run of printable ASCII. Bytes from 0x80
+// The bytes that end a run of printable ASCII, one bit each. Bytes from 0x80
 // up compare below 0x20 as signed bytes, so one comparison covers both ends.
+inline int StopMask(__m128i bytes) {
+    const __m128i stop = _mm_or_si128(_mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20)),
+                                      _mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')),
+                                                   _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'))));
+    return _mm_movemask_epi8(stop);
+}
+
+// First byte at or after p that ends a run of printable ASCII.
 const unsigned char* ScanRun(const unsigned char* p, const unsigned char* end) {
-    const __m128i space = _mm_set1_epi8(0x20);
-    const __m128i quote = _mm_set1_epi8('"');
-    const __m128i backslash = _mm_set1_epi8('\\');
     while (end - p >= 16) {
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        const __m128i stop = _mm_or_si128(
-            _mm_cmplt_epi8(bytes, space),
-            _mm_or_si128(_mm_cmpeq_epi8(bytes, quote), _mm_cmpeq_epi8(bytes, backslash)));
-        const int mask = _mm_movemask_epi8(stop);
+        const int mask = StopMask(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
         if (mask != 0)
             return p + __builtin_ctz(static_cast<unsigned>(mask));
         p += 16;
@@ -98,58 +99,257 @@ bool Emit(Str& writer, const char* piece, uint64_t length) {
     return EnsureRoom(writer, length + 1) && writer.Append(piece, static_cast<uint32_t>(length));
 }
 
-// Two lower-case hexadecimal digits for every byte value.
+// Escapes are written by whole 8-byte words; the bytes past an escape are
+// written over by what follows (the pending buffer keeps room for them).
+constexpr uint64_t kBackslashU = '\\' | 'u' << 8;
+
+// Two lower-case hexadecimal digits for every byte value, as a 16-bit word.
 struct HexPairs {
-    char pair[256][2];
+    uint16_t pair[256];
     constexpr HexPairs() : pair() {
-        for (int i = 0; i < 256; ++i) {
-            pair[i][0] = kHexDigits[i >> 4];
-            pair[i][1] = kHexDigits[i & 15];
-        }
+        for (int i = 0; i < 256; ++i)
+            pair[i] = static_cast<uint16_t>(kHexDigits[i >> 4] | kHexDigits[i & 15] << 8);
     }
 };
 constexpr HexPairs kHexPairs;
 
 [[gnu::always_inline]] inline char* PutUnit(char* out, uint32_t unit) {
-    out[0] = '\\';
-    out[1] = 'u';
-    memcpy(out + 2, kHexPairs.pair[(unit >> 8) & 0xFF], 2);
-    memcpy(out + 4, kHexPairs.pair[unit & 0xFF], 2);
+    const uint64_t word = kBackslashU | uint64_t(kHexPairs.pair[(unit >> 8) & 0xFF]) << 16 |
+                          uint64_t(kHexPairs.pair[unit & 0xFF]) << 32;
+    memcpy(out, &word, 8);
     return out + 6;
 }
 
-// A byte that forms a character on its own and is not part of a run.
-char* PutByte(char* out, unsigned char byte) {
-    char short_form = 0;
-    switch (byte) {
-    case 8:
-        short_form = 'b';
+// The escape of every byte that forms a character on its own: a run byte
+// itself, the short forms; \u and four digits of the signed byte's low 16
+// bits for the others, so a stray byte from 0x80 up gives \uff80..\uffff.
+struct ByteEscapes {
+    uint64_t word[256];
+    uint8_t length[256];
+    constexpr ByteEscapes() : word(), length() {
+        const char shortForms[][2] = {{8, 'b'},  {9, 't'},   {10, 'n'},   {12, 'f'},
+                                      {13, 'r'}, {'"', '"'}, {'\\', '\\'}};
+        for (int b = 0; b < 256; ++b) {
+            const auto unit = static_cast<uint16_t>(static_cast<int8_t>(b));
+            word[b] = kBackslashU | uint64_t(kHexPairs.pair[unit >> 8]) << 16 |
+                      uint64_t(kHexPairs.pair[unit & 0xFF]) << 32;
+            length[b] = 6;
+        }
+        for (int b = 0x20; b < 0x80; ++b) { // run bytes stand for themselves
+            word[b] = static_cast<uint64_t>(b);
+            length[b] = 1;
+        }
+        for (const auto& form : shortForms) {
+            word[static_cast<unsigned char>(form[0])] =
+                '\\' | uint64_t(static_cast<unsigned char>(form[1])) << 8;
+            length[static_cast<unsigned char>(form[0])] = 2;
+        }
+    }
+};
+constexpr ByteEscapes kByteEscapes;
+
+inline char* PutByte(char* out, unsigned char byte) {
+    memcpy(out, &kByteEscapes.word[byte], 8);
+    return out + kByteEscapes.length[byte];
+}
+
+// The (up to) four bytes after p, as far as the text goes, zero-filled.
+inline uint32_t BytesAfter(const unsigned char* p, const unsigned char* end) {
+    uint32_t next = 0;
+    if (end - p > 4) { // the terminator at most among them
+        memcpy(&next, p + 1, 4);
+        return next;
+    }
+    for (uint32_t i = 0; p + 1 + i < end; ++i)
+        next |= uint32_t(p[1 + i]) << (8 * i);
+    return next;
+}
+
+// How many of those bytes continue the character (4: four or more).
+inline uint32_t Continuations(uint32_t next) {
+    const uint32_t stops = (next & 0xC0C0C0C0u) ^ 0x80808080u; // zero bytes continue
+    return stops == 0 ? 4 : static_cast<uint32_t>(__builtin_ctz(stops)) / 8;
+}
+
+// Writes the character of n bytes (2 to 4) at p: its lead's low 5, 4 or 3
+// bits by the length found, 6 bits of each continuation byte. Returns the
+// description of a malformed one instead, tested in the order: range,
+// surrogate halves, overlong form.
+inline const char* PutCharacter(char*& out, unsigned char lead, uint32_t next, uint32_t n) {
+    const uint32_t b1 = next & 0x3F, b2 = (next >> 8) & 0x3F, b3 = (next >> 16) & 0x3F;
+    uint32_t value;
+    switch (n) {
+    case 2:
+        value = (lead & 0x1Fu) << 6 | b1;
+        if (value < 0x80)
+            return kJsonUtf8Length;
         break;
-    case 9:
-        short_form = 't';
-        break;
-    case 10:
-        short_form = 'n';
-        break;
-    case 12:
-        short_form = 'f';
-        break;
-    case 13:
-        short_form = 'r';
-        break;
-    case '"':
-        short_form = '"';
-        break;
-    case '\\':
-        short_form = '\\';
+    case 3:
+        value = (lead & 0x0Fu) << 12 | b1 << 6 | b2;
+        if (value - 0xD800 < 0x800)
+            return kJsonUtf8Surrogate;
+        if (value < 0x800)
+            return kJsonUtf8Length;
         break;
     default:
-        // The signed byte's low 16 bits: a stray byte from 0x80 up gives \uff80..\uffff.
-        return PutUnit(out, static_cast<uint16_t>(static_cast<int8_t>(byte)));
+        value = (lead & 0x07u) << 18 | b1 << 12 | b2 << 6 | b3;
+        if (value >= 0x110000)
+            return kJsonUtf8Range;
+        if (value - 0xD800 < 0x800)
+            return kJsonUtf8Surrogate;
+        if (value < 0x10000)
+            return kJsonUtf8Length;
+        out = PutUnit(out, 0xD800 + ((value - 0x10000) >> 10));
+        out = PutUnit(out, 0xDC00 + ((value - 0x10000) & 0x3FF));
+        return nullptr;
     }
-    out[0] = '\\';
-    out[1] = short_form;
-    return out + 2;
+    out = PutUnit(out, value);
+    return nullptr;
+}
+
+// One character other than a run: the byte at p and the n - 1 continuation
+// bytes after it (the terminator stops the count; five are as bad as more).
+inline const char* PutOne(const unsigned char* p, const unsigned char* end, uint32_t n,
+                          char*& out) {
+    if (n == 1) {
+        out = PutByte(out, *p);
+        return nullptr;
+    }
+    if (n >= 5)
+        return kJsonUtf8Invalid;
+    return PutCharacter(out, *p, BytesAfter(p, end), n);
+}
+
+// The value of a character of n (2 to 4) bytes, computed without a branch;
+// `bad` tells whether it is malformed in any of the three ways.
+inline uint32_t Decode(unsigned char lead, uint32_t next, uint32_t n, bool& bad) {
+    const uint32_t b1 = next & 0x3F, b2 = (next >> 8) & 0x3F, b3 = (next >> 16) & 0x3F;
+    const uint32_t v2 = (lead & 0x1Fu) << 6 | b1;
+    const uint32_t v3 = (lead & 0x0Fu) << 12 | b1 << 6 | b2;
+    const uint32_t v4 = (lead & 0x07u) << 18 | b1 << 12 | b2 << 6 | b3;
+    const uint32_t value = n == 2 ? v2 : n == 3 ? v3 : v4;
+    bad = (value >= 0x110000) | (value - 0xD800 < 0x800) | (value < kShortestValue[n]);
+    return value;
+}
+
+// Five characters of three bytes at p, written when none is malformed.
+inline bool PutFiveOfThree(const unsigned char* p, char*& out) {
+    uint32_t values[5];
+    bool bad = false;
+    for (uint32_t k = 0; k < 5; ++k, p += 3) {
+        const uint32_t value = (p[0] & 0x0Fu) << 12 | (p[1] & 0x3Fu) << 6 | (p[2] & 0x3Fu);
+        bad |= (value - 0xD800 < 0x800) | (value < 0x800);
+        values[k] = value;
+    }
+    if (bad) // found again, with its description, one by one
+        return false;
+    for (const uint32_t value : values)
+        out = PutUnit(out, value);
+    return true;
+}
+
+// Writes the characters from p on (the first one even when it starts with a
+// run byte: one followed by continuation bytes) until a run of two bytes or
+// more starts, the text ends, the pending bytes pass `full` or a character is
+// malformed (its description is returned). A single run byte among them is
+// written as it is. Where 20 bytes or more are left, the characters' bounds
+// come from a 16-byte window at once (every byte that is no continuation byte
+// starts one), so that finding the next one does not wait for this one.
+const char* PutCharacters(const unsigned char*& p, const unsigned char* end, char*& out,
+                          const char* full) {
+    const unsigned char* const first = p;
+    while (end - p >= 20) {
+        const __m128i window = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        // 0x80..0xBF are the bytes below -64 as signed bytes.
+        const auto continuing =
+            static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmplt_epi8(window, _mm_set1_epi8(-64))));
+        uint32_t starts = (~continuing & 0xFFFF) | 1;
+        // Five characters of three bytes each, the common case of East Asian
+        // text, without finding their bounds one by one.
+        if (starts == 0x9249 && out + 5 * 6 + 2 <= full + kLongestEscape &&
+            PutFiveOfThree(p, out)) {
+            p += 15;
+            continue;
+        }
+        uint32_t at = 0;
+        for (uint32_t rest; (rest = starts & (starts - 1)) != 0; starts = rest) {
+            const auto next = static_cast<uint32_t>(__builtin_ctz(rest));
+            const uint32_t n = next - at;
+            const unsigned char lead = p[at];
+            if (n == 1) {
+                if (!IsRunByte(lead)) {
+                    out = PutByte(out, lead);
+                } else if (IsRunByte(p[next]) && p + at != first) {
+                    p += at; // a run: the caller copies it whole
+                    return nullptr;
+                } else {
+                    *out++ = static_cast<char>(lead);
+                }
+            } else {
+                uint32_t following;
+                memcpy(&following, p + at + 1, 4);
+                bool bad;
+                const uint32_t value = Decode(lead, following, n, bad);
+                if (n >= 5 || bad) {
+                    p += at;
+                    return n >= 5 ? kJsonUtf8Invalid : PutCharacter(out, lead, following, n);
+                }
+                if (value < 0x10000) {
+                    out = PutUnit(out, value);
+                } else {
+                    out = PutUnit(out, 0xD800 + ((value - 0x10000) >> 10));
+                    out = PutUnit(out, 0xDC00 + ((value - 0x10000) & 0x3FF));
+                }
+            }
+            at = next;
+            if (out > full) {
+                p += at;
+                return nullptr;
+            }
+        }
+        if (at == 0) // sixteen bytes and more in one character
+            return kJsonUtf8Invalid;
+        p += at;
+    }
+    while (p < end && (p == first || (!IsRunByte(*p) && out <= full))) {
+        const uint32_t n = 1 + Continuations(BytesAfter(p, end));
+        if (const char* message = PutOne(p, end, n, out))
+            return message;
+        p += n;
+    }
+    return nullptr;
+}
+
+// A record writer is reset for every record: keep an unshared block and its
+// capacity rather than allocate anew (and touch fresh pages) each time.
+void ResetWriter(Str& writer) {
+    StrBlock* block = writer.Block();
+    if (block != nullptr && Reference::Count(block) < 2) {
+        block->length = 0;
+        block->text[0] = 0;
+    } else {
+        writer.Clear();
+    }
+}
+
+// Sixteen ASCII bytes at p, none the lead of a longer character (16 bytes and
+// the next one readable, room for 16 escapes): copied whole when they are all
+// run bytes, else byte by byte through the escape table. False for others.
+inline bool PutAsciiBlock(const unsigned char*& p, char*& out) {
+    if (IsContinuation(p[16]))
+        return false;
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    if (StopMask(bytes) == 0) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), bytes);
+        out += 16;
+    } else if (_mm_movemask_epi8(bytes) == 0) {
+        for (int i = 0; i < 16; ++i)
+            out = PutByte(out, p[i]);
+    } else {
+        return false;
+    }
+    p += 16;
+    return true;
 }
 
 } // namespace
@@ -161,17 +361,8 @@ bool WriteJsonString(const char* text, Str& writer, Str* error, bool append) {
     if (text != nullptr && writer.Block() != nullptr && text >= writer.Text() &&
         text <= writer.Text() + writer.Capacity())
         held = writer;
-    if (!append) {
-        // A record writer is reset for every record: keep an unshared block and
-        // its capacity rather than allocate anew (and touch fresh pages) each time.
-        StrBlock* block = writer.Block();
-        if (block != nullptr && Reference::Count(block) < 2) {
-            block->length = 0;
-            block->text[0] = 0;
-        } else {
-            writer.Clear();
-        }
-    }
+    if (!append)
+        ResetWriter(writer);
 
     const auto* p = reinterpret_cast<const unsigned char*>(text != nullptr ? text : "");
     const size_t total = MeasureText(reinterpret_cast<const char*>(p));
@@ -185,6 +376,8 @@ bool WriteJsonString(const char* text, Str& writer, Str* error, bool append) {
     *out++ = '"';
     const char* message = nullptr;
     while (p < end) {
+        if (end - p >= 16 && pending + kPendingBytes - out >= 16 * 6 + 2 && PutAsciiBlock(p, out))
+            continue;
         if (IsRunByte(*p)) {
             const unsigned char* run = p;
             p = ScanRun(p + 1, end);
@@ -217,50 +410,15 @@ bool WriteJsonString(const char* text, Str& writer, Str* error, bool append) {
             out = pending;
         }
 
-        // The character: its lead byte and every continuation byte after it
-        // (the terminator stops the count; five are as bad as more).
-        const unsigned char lead = *p;
-        uint32_t n = 1;
-        while (n < 5 && IsContinuation(p[n]))
-            ++n;
-        if (n == 1) {
-            out = PutByte(out, lead);
-            ++p;
+        // An escaped ASCII byte on its own (the common case between runs of
+        // escape-heavy text) needs no more than its table entry.
+        if (*p < 0x80 && !IsContinuation(p[1])) {
+            out = PutByte(out, *p++);
             continue;
         }
-        if (n >= 5) {
-            message = kJsonUtf8Invalid;
-            break;
-        }
-        uint32_t value = lead & (n == 2 ? 0x1Fu : n == 3 ? 0x0Fu : 0x07u);
-        for (uint32_t i = 1; i < n; ++i) {
-            if (!IsContinuation(p[i])) {
-                message = kJsonUtf8Sequence;
-                break;
-            }
-            value = value * 64 + (p[i] & 0x3Fu);
-        }
+        message = PutCharacters(p, end, out, pending + kPendingBytes - kLongestEscape);
         if (message != nullptr)
             break;
-        if (value >= 0x110000) {
-            message = kJsonUtf8Range;
-            break;
-        }
-        if (value >= 0xD800 && value <= 0xDFFF) {
-            message = kJsonUtf8Surrogate;
-            break;
-        }
-        if (value < kShortestValue[n]) {
-            message = kJsonUtf8Length;
-            break;
-        }
-        if (value < 0x10000) {
-            out = PutUnit(out, value);
-        } else {
-            out = PutUnit(out, 0xD800 + ((value - 0x10000) >> 10));
-            out = PutUnit(out, 0xDC00 + ((value - 0x10000) & 0x3FF));
-        }
-        p += n;
     }
 
     if (message != nullptr && error != nullptr && !(*error == message))

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 
 #include "alloc.h"
 #include "private/utf8.h"
@@ -461,124 +462,6 @@ WStr WStr::FromUtf8(const char* text, uint32_t length) {
 }
 
 // ---------------------------------------------------------------------------
-// Conversions
-
-uint32_t Utf16ToUtf8(const wchar_t* source, uint32_t count, char* destination, uint32_t capacity) {
-    // As documented for the platform: no destination with a non-zero size, and
-    // a destination that is the source itself, are invalid parameters.
-    if (source == nullptr || count == 0 || (destination == nullptr && capacity != 0) ||
-        static_cast<const void*>(source) == static_cast<const void*>(destination)) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return 0;
-    }
-    const bool terminated = count > 0xFFFFFFFEu;
-    const uint64_t end = terminated ? UINT64_MAX : count;
-    const auto* in = reinterpret_cast<const uint16_t*>(source);
-    auto* out = reinterpret_cast<unsigned char*>(destination);
-    uint64_t needed = 0;
-    for (uint64_t i = 0; i < end; ++i) {
-        uint32_t cp = in[i];
-        uint32_t bytes;
-        if (cp < 0x80) {
-            bytes = 1;
-        } else if (cp < 0x800) {
-            bytes = 2;
-        } else if (cp - 0xD800u >= 0x800u) {
-            bytes = 3;
-        } else {
-            // A high half must be followed by a low half; a low half may not
-            // stand first. A terminator is no low half, so this stays in bounds.
-            const uint32_t low = cp < 0xDC00 && i + 1 < end ? in[i + 1] : 0;
-            if (low - 0xDC00u >= 0x400u) {
-                SetLastError(ERROR_NO_UNICODE_TRANSLATION);
-                return 0;
-            }
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
-            ++i;
-            bytes = 4;
-        }
-        needed += bytes;
-        if (needed > kMax32) {
-            SetLastError(ERROR_ARITHMETIC_OVERFLOW);
-            return 0;
-        }
-        if (capacity != 0) {
-            if (needed > capacity) {
-                SetLastError(ERROR_INSUFFICIENT_BUFFER);
-                return 0;
-            }
-            unsigned char* p = out + (needed - bytes);
-            switch (bytes) {
-            case 1:
-                p[0] = static_cast<unsigned char>(cp);
-                break;
-            case 2:
-                p[0] = static_cast<unsigned char>(0xC0 | (cp >> 6));
-                p[1] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
-                break;
-            case 3:
-                p[0] = static_cast<unsigned char>(0xE0 | (cp >> 12));
-                p[1] = static_cast<unsigned char>(0x80 | ((cp >> 6) & 0x3F));
-                p[2] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
-                break;
-            default:
-                p[0] = static_cast<unsigned char>(0xF0 | (cp >> 18));
-                p[1] = static_cast<unsigned char>(0x80 | ((cp >> 12) & 0x3F));
-                p[2] = static_cast<unsigned char>(0x80 | ((cp >> 6) & 0x3F));
-                p[3] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
-                break;
-            }
-        }
-        if (cp == 0 && terminated)
-            break;
-    }
-    return static_cast<uint32_t>(needed);
-}
-
-uint32_t Utf8ToUtf16(const char* source, uint32_t count, wchar_t* destination, uint32_t capacity) {
-    if (source == nullptr || count == 0 || (destination == nullptr && capacity != 0) ||
-        static_cast<const void*>(source) == static_cast<const void*>(destination)) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return 0;
-    }
-    const bool terminated = count > 0xFFFFFFFEu;
-    const auto* in = reinterpret_cast<const unsigned char*>(source);
-    uint64_t needed = 0;
-    for (uint64_t i = 0;;) {
-        if (!terminated && i >= count)
-            break;
-        uint32_t cp = 0;
-        const uint32_t length = DecodeUtf8Sequence(in + i, terminated ? nullptr : in + count, cp);
-        if (length == 0) {
-            SetLastError(ERROR_NO_UNICODE_TRANSLATION);
-            return 0;
-        }
-        const uint32_t units = cp >= 0x10000 ? 2 : 1;
-        if (needed + units > kMax32) {
-            SetLastError(ERROR_ARITHMETIC_OVERFLOW);
-            return 0;
-        }
-        if (capacity != 0) {
-            if (needed + units > capacity) {
-                SetLastError(ERROR_INSUFFICIENT_BUFFER);
-                return 0;
-            }
-            if (units == 1) {
-                destination[needed] = static_cast<wchar_t>(cp);
-            } else {
-                destination[needed] = static_cast<wchar_t>(0xD800 + ((cp - 0x10000) >> 10));
-                destination[needed + 1] = static_cast<wchar_t>(0xDC00 + ((cp - 0x10000) & 0x3FF));
-            }
-        }
-        needed += units;
-        i += length;
-        if (terminated && cp == 0 && length == 1)
-            break;
-    }
-    return static_cast<uint32_t>(needed);
-}
-
-// ---------------------------------------------------------------------------
 // Comparison
 
 namespace {
@@ -698,29 +581,4 @@ const char* ParseDecimal(const char* text, uint64_t maximum, uint64_t& value) {
         return nullptr;
     value = number;
     return p;
-}
-
-Str StrFormatV(const char* format, va_list arguments) {
-    Str result;
-    if (format == nullptr)
-        return result;
-    va_list measure;
-    va_copy(measure, arguments);
-    const int length = vsnprintf(nullptr, 0, format, measure);
-    va_end(measure);
-    if (length <= 0)
-        return result;
-    char* buffer = result.Reserve(static_cast<uint32_t>(length));
-    if (buffer == nullptr)
-        return result;
-    vsnprintf(buffer, static_cast<size_t>(length) + 1, format, arguments);
-    return result;
-}
-
-Str StrFormat(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    Str result = StrFormatV(format, arguments);
-    va_end(arguments);
-    return result;
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <new>
 
+#include "alloc.h"
 #include "locks.h"
 #include "private/growbuffer.h"
 
@@ -48,6 +49,7 @@ const ArgumentList& Arguments() {
 } // namespace
 
 void InitBaseLibrary() {
+    CheckParticleManagement();
     LoadLockThresholds();
 }
 

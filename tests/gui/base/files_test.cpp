@@ -1,9 +1,9 @@
 // File-system operations on real files in scratch directories.
 #include <gtest/gtest.h>
 #include <objbase.h>
-#include <shlobj.h>
 
 #include <cstring>
+#include <set>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -65,27 +65,27 @@ BOOL WINAPI ScriptedMoveFile(LPCWSTR source, LPCWSTR destination) {
 
 TEST(Files, DeleteFilePath) {
     ScratchDir dir(L"files-delete");
-    // Name (present unless "missing"), held open without delete sharing (all are read-only),
-    // force, result, last error (0: not checked).
-    const std::tuple<const wchar_t*, bool, bool, bool, DWORD> cases[] = {
-        {L"missing", false, true, true, 0},
-        {L"missing", false, false, false, ERROR_FILE_NOT_FOUND},
-        {L"read-only", false, false, false, ERROR_ACCESS_DENIED},
-        {L"read-only", false, true, true, 0},
+    // Name, made (read-only), held open without delete sharing, force, result, last error
+    // (0: not checked).
+    const std::tuple<const wchar_t*, bool, bool, bool, bool, DWORD> cases[] = {
+        {L"gone", false, false, true, true, 0},
+        {L"no folder\\gone", false, false, true, true, 0}, // the folder is missing too
+        {L"gone", false, false, false, false, ERROR_FILE_NOT_FOUND},
+        {L"read-only", true, false, false, false, ERROR_ACCESS_DENIED},
+        {L"read-only forced", true, false, true, true, 0},
         // The open for deletion fails before read-only matters.
-        {L"held", true, true, false, ERROR_SHARING_VIOLATION}};
-    for (const auto& [name, held, force, expected, error] : cases) {
+        {L"held", true, true, true, false, ERROR_SHARING_VIOLATION}};
+    for (const auto& [name, made, held, force, expected, error] : cases) {
         SCOPED_TRACE(Narrow(name) + (force ? " forced" : ""));
-        const std::wstring path = dir.Join(name + std::wstring(force ? L"-f" : L""));
-        const bool present = name != std::wstring(L"missing");
-        ASSERT_TRUE(!present || (WriteFileBytes(path, "data") &&
-                                 SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY)));
+        const std::wstring path = dir.Join(name);
+        ASSERT_TRUE(!made || (WriteFileBytes(path, "data") &&
+                              SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY)));
         const UniqueHandle lock = held ? Lock(path) : UniqueHandle();
         ASSERT_EQ(lock.Valid(), held);
         SetLastError(0);
         EXPECT_EQ(DeleteFilePath(U8(path), force), expected);
         EXPECT_EQ(error ? GetLastError() : 0u, error);
-        EXPECT_EQ(PathExists(path), present && !expected);
+        EXPECT_EQ(PathExists(path), made && !expected);
     }
 }
 
@@ -188,29 +188,21 @@ TEST(Files, EnumerateFilesSkipsDirectories) {
         ASSERT_TRUE(WriteFileBytes(dir.Join(name), ""));
     for (const wchar_t* name : {L"sub.pending", L"only", L"only\\x.pending", L"only\\y"})
         ASSERT_TRUE(CreateDirectoryW(dir.Join(name).c_str(), nullptr));
-    // Pattern, files found, last error (0: not checked); the names and their order are the
-    // platform's own listing less its directories.
-    const std::tuple<const wchar_t*, size_t, DWORD> cases[] = {
-        {L"*.pending", 3, 0},
-        {L"*", 4, 0},
-        {L"only\\*", 0, 0},
-        {L"*.result", 0, ERROR_FILE_NOT_FOUND},
-        {L"nodir\\*.pending", 0, ERROR_PATH_NOT_FOUND}};
-    for (const auto& [pattern, count, error] : cases) {
+    // Pattern, the files found (sorted), last error (0: not checked).
+    const std::tuple<const wchar_t*, std::set<std::string>, DWORD> cases[] = {
+        {L"*.pending", {"a.pending", "b.pending", "\xC3\xA4\xE2\x82\xAC.pending"}, 0},
+        {L"*", {"a.pending", "b.pending", "c.msi", "\xC3\xA4\xE2\x82\xAC.pending"}, 0},
+        {L"only\\*", {}, 0},
+        {L"*.result", {}, ERROR_FILE_NOT_FOUND},
+        {L"nodir\\*.pending", {}, ERROR_PATH_NOT_FOUND}};
+    for (const auto& [pattern, expected, error] : cases) {
         SCOPED_TRACE(Narrow(pattern));
-        std::vector<std::string> platform, names;
-        WIN32_FIND_DATAW data;
-        UniqueFind find(FindFirstFileW(dir.Join(pattern).c_str(), &data));
-        for (bool more = find.Valid(); more; more = FindNextFileW(find.Get(), &data)) {
-            if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-                platform.push_back(Narrow(data.cFileName));
-        }
         SetLastError(0);
+        std::set<std::string> names;
         for (const Str& name : EnumerateFiles(U8(dir.Join(pattern))))
-            names.push_back(name.Text());
+            names.insert(name.Text());
         EXPECT_EQ(error ? GetLastError() : 0u, error);
-        EXPECT_EQ(names.size(), count);
-        EXPECT_EQ(names, platform);
+        EXPECT_EQ(names, expected);
     }
 }
 
@@ -237,21 +229,17 @@ TEST(Files, IsValidFileName) {
         EXPECT_EQ(IsValidFileName(name, maximum), isValid) << name;
 }
 
-// The same folders as the shell's, from a thread without COM, in a multi-threaded
-// and in a single-threaded apartment, leaving the thread's apartment as it was.
-TEST(Files, GetWellKnownDirectoryMatchesShellFolders) {
+// The two folders, from a thread without COM, in a multi-threaded and in a
+// single-threaded apartment, leaving the thread's apartment as it was.
+TEST(Files, GetWellKnownDirectoryInAnyApartment) {
     for (int apartment : {-1, int(COINIT_MULTITHREADED), int(COINIT_APARTMENTTHREADED)}) {
         SCOPED_TRACE(apartment);
         std::thread([apartment] {
             if (apartment >= 0) {
                 ASSERT_EQ(CoInitializeEx(nullptr, apartment), S_OK);
             }
-            for (const auto& [number, csidl] :
-                 {std::pair{22u, CSIDL_COMMON_APPDATA}, {23u, CSIDL_PROGRAM_FILES}}) {
-                wchar_t shell[MAX_PATH] = {};
-                ASSERT_TRUE(SHGetSpecialFolderPathW(nullptr, shell, csidl, FALSE));
-                EXPECT_EQ(Widen(GetWellKnownDirectory(number).Text()), shell) << number;
-            }
+            EXPECT_STREQ(GetWellKnownDirectory(22).Text(), "C:\\ProgramData");
+            EXPECT_STREQ(GetWellKnownDirectory(23).Text(), "C:\\Program Files");
             SetLastError(0);
             EXPECT_TRUE(GetWellKnownDirectory(7).IsEmpty());
             EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
@@ -266,4 +254,29 @@ TEST(Files, GetWellKnownDirectoryMatchesShellFolders) {
                 CoUninitialize();
         }).join();
     }
+}
+
+// With the long-path switch on, absolute drive and root paths get the extended
+// form of their full path; everything else, and every path with it off, is
+// converted as it is.
+TEST(Files, ToPlatformPathAndTheLongPathSwitch) {
+    wchar_t drive[MAX_PATH];
+    GetCurrentDirectoryW(MAX_PATH, drive);
+    const std::string root = Narrow(std::wstring(drive, 2)), name(300, 'n');
+    const std::tuple<bool, std::string, std::string> cases[] = {
+        {true, "C:\\a\\..\\b", "\\\\?\\C:\\b"},
+        {true, "c:/a/b", "\\\\?\\c:\\a\\b"},
+        {true, "\\x", "\\\\?\\" + root + "\\x"},
+        {true, "C:\\" + name, "\\\\?\\C:\\" + name},
+        {true, "\\\\server\\share", "\\\\server\\share"},
+        {true, "rel\\x", "rel\\x"},
+        {true, "C:", "C:"},
+        {true, "", ""},
+        {false, "C:/a/../b", "C:/a/../b"}};
+    for (const auto& [enabled, path, expected] : cases) {
+        SetLongPathsEnabled(enabled);
+        const WStr platform = ToPlatformPath(Str(path.c_str()));
+        EXPECT_EQ(Narrow(std::wstring(platform.Text(), platform.Length())), expected) << path;
+    }
+    SetLongPathsEnabled(false);
 }

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cstring>
 #include <random>
 #include <string>
 
@@ -50,6 +51,11 @@ const Case kCases[] = {
     {"\xe9\x80x", "\"\\u0240x\""},                                // length from the bytes present
     {"\xc3\x80\x80\x80", "\"\\udac0\\udc00\""},
     {"xyA\x80", "\"xy\"", kJsonUtf8Length},                       // ASCII lead of a continuation
+    {"0123456789abcdeA\x80", "\"0123456789abcde\"", kJsonUtf8Length}, // ... ending 16 bytes
+    {"\xe6\x9b\xb4\xe6\x96\xb0\xe3\x83\x91\xe3\x83\x83\xed\xa0\x80", // five of three bytes
+     "\"\\u66f4\\u65b0\\u30d1\\u30c3\"", kJsonUtf8Surrogate},
+    {"\xe6\x9b\xb4\xd0\x80\x80\xe3\x83\x91\xe3\x83\x83\xe3\x83\x83", "\"\\u66f4\"",
+     kJsonUtf8Length},
     {"", "\"\""}, {nullptr, "\"\""},
     {"\xc0\x80", "\"\"", kJsonUtf8Length, nullptr, false, kJsonUtf8Length}, // message kept as is
     {"\xed\xbf\xbf", "\"\"", kJsonUtf8Surrogate, nullptr, false, kJsonUtf8Length},
@@ -76,6 +82,21 @@ TEST(WriteJsonString, EdgeCases) {
             EXPECT_STREQ(error.Text(), c.message ? c.message : c.errorBefore);
             EXPECT_TRUE(!(error == c.errorBefore) || error.Block() == errorBlock) << "reassigned";
         }
+    }
+    // The same texts with 24 escape-heavy ASCII bytes before and after them,
+    // so that they also meet the writer's 16-byte paths (a prefix only where
+    // it cannot turn into the lead of a character).
+    const std::string pad = "0123456\"ab\\\x7f\x01"
+                            "cdefghijklm",
+                      padded = "0123456\\\"ab\\\\\x7f\\u0001cdefghijklm";
+    for (const Case& c : kCases) {
+        if (c.text == nullptr || c.append || (c.text[0] & 0xC0) == 0x80)
+            continue;
+        SCOPED_TRACE("padded " + testing::PrintToString(c.text));
+        const std::string body = std::string(c.expected).substr(1, strlen(c.expected) - 2);
+        Str writer;
+        WriteJsonString((pad + c.text + pad).c_str(), writer, nullptr, false);
+        EXPECT_EQ(Bytes(writer), "\"" + padded + body + (c.message ? "" : padded) + "\"");
     }
     // The text may lie inside the writer itself.
     Str writer("a\"b\xc3\xa9");

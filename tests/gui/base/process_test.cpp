@@ -14,12 +14,13 @@
 #include "process.h"
 #include "report.h"
 #include "testsupport.h"
-#include "trace.h"
 
 namespace {
 
 using testsupport::Env;
 using testsupport::Narrow;
+using testsupport::PlatformErrorText;
+using testsupport::ReportLines;
 
 const char kMissing[] = "kvt-no-such-program-4711.exe";
 const std::string kSucceeded = "ReportEvent: QELGUI-02105: Command start succeeded\n";
@@ -32,29 +33,6 @@ std::string ChildCommand(const std::string& extra = "") {
     return "\"" + Narrow(std::wstring(path, n)) + "\" --gtest_brief=1" +
            " --gtest_also_run_disabled_tests --gtest_filter=ProcessChild.DISABLED_Run" + extra;
 }
-
-// The platform's own text for a code, as the event quotes it.
-std::string ErrorText(DWORD code) {
-    wchar_t text[512] = {};
-    FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0,
-                   text, 512, nullptr);
-    std::string out = Narrow(text);
-    out.erase(out.find_last_not_of("\r\n ") + 1);
-    return out + StrFormat(" (0x%08lX/%lu)", code, code).Text();
-}
-
-// The report lines without their headers ("EX|pid|tid|module: ") while a Capture lives.
-std::string s_log;
-struct Capture {
-    Capture() {
-        s_log.clear();
-        SetTraceHook([](const char* line, uint32_t) {
-            const char* text = strstr(line, ": ");
-            return s_log += std::string(text ? text + 2 : line) + "\n", true;
-        });
-    }
-    ~Capture() { SetTraceHook(nullptr); }
-};
 
 } // namespace
 
@@ -96,7 +74,7 @@ TEST(StartCommand, FailedStarts) {
                  {missingDir + "\\x.exe", "", 5, ERROR_PATH_NOT_FOUND, ERROR_FILE_NOT_FOUND},
                  {"cmd.exe /c exit 0", missingDir, 5, ERROR_DIRECTORY, 0}};
     for (const auto& c : cases) {
-        Capture capture;
+        ReportLines lines(true);
         HANDLE process = c.form == 5 ? reinterpret_cast<HANDLE>(1) : nullptr;
         SetLastError(0xBAD);
         const Str line(c.commandLine.c_str());
@@ -106,9 +84,10 @@ TEST(StartCommand, FailedStarts) {
         const DWORD error = GetLastError();
         EXPECT_EQ(process, nullptr);
         EXPECT_TRUE(error == c.error || error == c.alsoAccepted) << error;
-        EXPECT_EQ(s_log, c.commandLine.empty() ? ""
-                                               : kFailed + "  command: " + c.commandLine +
-                                                     "\n  error: " + ErrorText(error) + "\n");
+        EXPECT_EQ(lines.Take(), c.commandLine.empty()
+                                    ? ""
+                                    : kFailed + "  command: " + c.commandLine +
+                                          "\n  error: " + PlatformErrorText(error) + "\n");
     }
 }
 
@@ -132,7 +111,7 @@ TEST(StartCommand, ChildSeesCommandLineFlagsAndDirectoryAndTheHook) {
                  {" \"a b\"  c\\\"d \"\" \u00fc\u20ac 'q'   ", false, true, Narrow(full), "129 0"},
                  {"", true, true, Narrow(full), "65 5"}};
     for (const auto& c : cases) {
-        Capture capture;
+        ReportLines lines(true);
         DeleteFileW(output.c_str());
         HANDLE process = nullptr;
         const std::string commandLine = ChildCommand(c.extra);
@@ -151,8 +130,8 @@ TEST(StartCommand, ChildSeesCommandLineFlagsAndDirectoryAndTheHook) {
         ASSERT_TRUE(testsupport::ReadFileBytes(output, echo));
         EXPECT_EQ(echo, c.flagsAndShow + "\n" + commandLine + "\n" +
                             (c.directory.empty() ? Narrow(here) : c.directory));
-        EXPECT_EQ(s_log, kSucceeded + "  command: " + commandLine +
-                             "\n  processid: " + std::to_string(id) + "\n");
+        EXPECT_EQ(lines.Take(), kSucceeded + "  command: " + commandLine +
+                                    "\n  processid: " + std::to_string(id) + "\n");
     }
 }
 
@@ -175,7 +154,7 @@ TEST(StartCommand, EventsAreJsonRecordsOnStdout) {
         {{"message", "QELGUI-02105: Command start succeeded"}, {"command", "cmd.exe /c exit 0"},
          {"level", "notice"}, {"processid", strtoul(&result.err[pid + 4], nullptr, 10)}},
         {{"message", "QELGUI-02106: Command start failed"}, {"level", "warning"},
-         {"command", kMissing}, {"error", ErrorText(ERROR_FILE_NOT_FOUND)}}};
+         {"command", kMissing}, {"error", PlatformErrorText(ERROR_FILE_NOT_FOUND)}}};
     // clang-format on
     for (size_t i = 0; i < 2; ++i)
         for (const auto& [name, value] : expected[i].items())

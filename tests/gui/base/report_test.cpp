@@ -227,6 +227,7 @@ TEST(ReportChild, LogTypeChoosesWhereTheRecordsGo) {
         EXPECT_EQ(std::regex_search(r.out, std::regex("#LINE EM: " + unknown)), type == 3);
         EXPECT_EQ(std::regex_search(r.out, std::regex("#BOX " + unknown)), type == 3);
         EXPECT_NE(r.out.find("#BOX ReportEvent: S-00002: level 0\r\n"), r.out.npos);
+        EXPECT_NE(r.out.find("#KEPT beef beef"), r.out.npos) << r.out;
     }
     // The records, fields in order; a value that is not a number is quoted.
     std::smatch pid;
@@ -247,7 +248,10 @@ TEST(ReportChild, LogTypeChoosesWhereTheRecordsGo) {
 // The trace pipe is common to the prefix: this runs alone.
 class SharedTrace : public Report {};
 
-TEST_F(SharedTrace, ViewerPipeTakesTheLineAndNothingElseDoes) {
+// A listening viewer takes the line and nothing else does; without one the
+// line goes to the debugger, and for a second after a failure the pipe is not
+// tried again, even when a viewer has come back meanwhile.
+TEST_F(SharedTrace, ViewerPipeAndItsOneSecondBackOff) {
     SetTraceHook(nullptr);
     Flags(0);
     // Debugger output raises DBG_PRINTEXCEPTION_C, which a vectored handler sees first.
@@ -257,21 +261,37 @@ TEST_F(SharedTrace, ViewerPipeTakesTheLineAndNothingElseDoes) {
             s_debug.emplace_back(reinterpret_cast<const char*>(r->ExceptionInformation[1]));
         return EXCEPTION_CONTINUE_SEARCH;
     });
-    HANDLE pipe = CreateNamedPipeA("\\\\.\\pipe\\ZemTracePipe", PIPE_ACCESS_INBOUND,
-                                   PIPE_TYPE_MESSAGE, 1, 0, 65536, 0, nullptr);
-    ASSERT_NE(pipe, INVALID_HANDLE_VALUE);
+    const auto viewer = [] {
+        return UniqueHandle(CreateNamedPipeA("\\\\.\\pipe\\ZemTracePipe", PIPE_ACCESS_INBOUND,
+                                             PIPE_TYPE_MESSAGE, 1, 0, 65536, 0, nullptr));
+    };
+    const auto received = [](const UniqueHandle& pipe) {
+        char buffer[64] = {};
+        DWORD available = 0, got = 0;
+        return PeekNamedPipe(pipe.Get(), nullptr, 0, nullptr, &available, nullptr) &&
+                       available != 0 && ReadFile(pipe.Get(), buffer, sizeof buffer, &got, nullptr)
+                   ? std::string(buffer, got)
+                   : std::string();
+    };
     const std::string tag = "pipe" + std::to_string(GetCurrentProcessId());
-    WriteReport(4096, 2, nullptr, 0, (tag + "a").c_str());
-    char buffer[64] = {};
-    DWORD available = 0, got = 0;
-    EXPECT_TRUE(PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr) && available != 0 &&
-                ReadFile(pipe, buffer, sizeof buffer, &got, nullptr));
-    EXPECT_EQ(std::string(buffer, got), "EX: " + tag + "a" + std::string(1, '\0'));
-    CloseHandle(pipe);
-    WriteReport(4096, 2, nullptr, 0, (tag + "b").c_str()); // no viewer: the debugger
+    const auto report = [&](const char* suffix) {
+        WriteReport(4096, 2, nullptr, 0, (tag + suffix).c_str());
+    };
+    UniqueHandle pipe = viewer();
+    ASSERT_TRUE(pipe);
+    report("a");
+    EXPECT_EQ(received(pipe), "EX: " + tag + "a" + std::string(1, '\0'));
+    pipe.Reset();
+    report("b"); // the viewer is gone: the debugger, and the failure time is noted
+    pipe = viewer();
+    report("c"); // within the second: the pipe is not tried
+    EXPECT_EQ(received(pipe), "");
+    Sleep(1100);
+    report("d");
+    EXPECT_EQ(received(pipe), "EX: " + tag + "d" + std::string(1, '\0'));
     RemoveVectoredExceptionHandler(handler);
     std::erase_if(s_debug, [&](const std::string& s) { return s.find(tag) == s.npos; });
-    EXPECT_EQ(s_debug, Lines{"EX: " + tag + "b\r\n"});
+    EXPECT_EQ(s_debug, (Lines{"EX: " + tag + "b\r\n", "EX: " + tag + "c\r\n"}));
 }
 
 // The child: two events, then what they returned and the log type.
@@ -279,6 +299,12 @@ int RunChild() {
     s_printBoxes = true;
     SetTraceHook([](const char* line, uint32_t) { return printf("#LINE %s\n", line), true; });
     Flags(0);
+    // The first use of the log type and of the module name keeps the caller's last error.
+    SetLastError(0xBEEF);
+    GetLogType();
+    const DWORD afterLogType = GetLastError();
+    GetModuleBaseName();
+    printf("#KEPT %lx %lx\n", afterLogType, GetLastError());
     const EventValue values[] = {{"bytes", Str("12"), true}, {"bad", Str("12abc"), true}};
     const EventDescriptor first{"Install %1 of %2 (%3)", {"A", "B"}, values, 2}, second{"level 0"};
     const bool a = ReportEvent(Str("Setup"), 12, first, true, kLevelInfo, 0, false);

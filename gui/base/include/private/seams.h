@@ -31,10 +31,12 @@ template <class Seams> class SeamSlot {
     const Seams* m_active = nullptr;
 };
 
-// Allocation: consulted first of all by AllocParticle; true makes that
-// allocation fail (last error 14).
+// Allocation: failAllocation is consulted first of all by AllocParticle; true
+// makes that allocation fail (last error 14). failBlockData is asked before the
+// data of a new particle block is taken from the heap; true makes that fail.
 struct AllocSeams {
     bool (*failAllocation)(size_t bytes);
+    bool (*failBlockData)(size_t bytes);
 };
 void SetAllocSeamsForTesting(const AllocSeams* seams);
 

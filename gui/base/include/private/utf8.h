@@ -13,6 +13,7 @@
 // 0x110000 up. Overlong forms and encoded surrogates are accepted by design.
 inline uint32_t DecodeUtf8Sequence(const unsigned char* p, const unsigned char* end,
                                    uint32_t& codePoint) {
+    const auto continues = [](unsigned char c) { return (c & 0xC0) == 0x80; };
     const unsigned char lead = p[0];
     if (lead < 0x80) {
         codePoint = lead;
@@ -20,17 +21,26 @@ inline uint32_t DecodeUtf8Sequence(const unsigned char* p, const unsigned char* 
     }
     if (lead < 0xC0 || lead >= 0xF8)
         return 0;
-    const uint32_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    if (end != nullptr && end - p < static_cast<intptr_t>(length))
-        return 0;
-    uint32_t value = lead & (0x7Fu >> length);
-    for (uint32_t k = 1; k < length; ++k) {
-        if ((p[k] & 0xC0) != 0x80)
+    // Each length spelled out: a continuation byte is read only after the one
+    // before it proved to be one, so a terminator stops the reading.
+    if (lead < 0xE0) {
+        if ((end != nullptr && end - p < 2) || !continues(p[1]))
             return 0;
-        value = (value << 6) | (p[k] & 0x3Fu);
+        codePoint = (lead & 0x1Fu) << 6 | (p[1] & 0x3Fu);
+        return 2;
     }
+    if (lead < 0xF0) {
+        if ((end != nullptr && end - p < 3) || !continues(p[1]) || !continues(p[2]))
+            return 0;
+        codePoint = (lead & 0x0Fu) << 12 | (p[1] & 0x3Fu) << 6 | (p[2] & 0x3Fu);
+        return 3;
+    }
+    if ((end != nullptr && end - p < 4) || !continues(p[1]) || !continues(p[2]) || !continues(p[3]))
+        return 0;
+    const uint32_t value =
+        (lead & 0x07u) << 18 | (p[1] & 0x3Fu) << 12 | (p[2] & 0x3Fu) << 6 | (p[3] & 0x3Fu);
     if (value >= 0x110000)
         return 0;
     codePoint = value;
-    return length;
+    return 4;
 }

@@ -1,8 +1,7 @@
 // The service host with a counting pass in place of the installer queue, so
 // tests can observe the loop under the real service manager.
 //   kvt_counting_service.exe --log <file> --wait <ms>
-// Every report line goes to the log file; each pass writes "pass <n> state <s>"
-// (s: the state the manager reports at that moment), signals the global event
+// Every report line goes to the log file; each pass writes "pass <n>", signals the global event
 // "Global\KvtPassStarted" and, while "Global\KvtPassGate" exists and is not
 // signalled, waits on it (at most ten seconds), so a test can hold a pass open.
 #include <windows.h>
@@ -22,7 +21,7 @@ namespace {
 HANDLE s_log = INVALID_HANDLE_VALUE;
 unsigned s_passes = 0;
 void CountingPass();
-ServiceSeams s_seams = {CountingPass, 0};
+ServiceSeams s_seams = {CountingPass, 0, nullptr};
 
 bool LogLine(const char* line, uint32_t) {
     char buffer[kReportLineLimit + 4];
@@ -33,25 +32,9 @@ bool LogLine(const char* line, uint32_t) {
     return true;
 }
 
-DWORD CurrentState() {
-    SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-    DWORD state = 0;
-    if (manager != nullptr) {
-        SC_HANDLE service = OpenServiceW(manager, GetServiceName().Text(), SERVICE_QUERY_STATUS);
-        SERVICE_STATUS status{};
-        if (service != nullptr && QueryServiceStatus(service, &status))
-            state = status.dwCurrentState;
-        if (service != nullptr)
-            CloseServiceHandle(service);
-        CloseServiceHandle(manager);
-    }
-    return state;
-}
-
 void CountingPass() {
     ++s_passes;
-    WriteReportF(kCategoryBase, kSeverityInfo, nullptr, 0, "pass %u state %lu", s_passes,
-                 static_cast<unsigned long>(CurrentState()));
+    WriteReportF(kCategoryBase, kSeverityInfo, nullptr, 0, "pass %u", s_passes);
     HANDLE started = OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Global\\KvtPassStarted");
     if (started != nullptr) {
         SetEvent(started);

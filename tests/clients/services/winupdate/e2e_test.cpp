@@ -113,3 +113,64 @@ TEST_F(EndToEnd, EveryRequestGetsItsCodeAndRefusedOnesAreGone) {
         Sleep(100);
     EXPECT_FALSE(PathExists(marker));
 }
+
+// The policy as the installed service reads it: a value of any type but a
+// 4-byte REG_DWORD switches the pass off as 0 does; an absent value or a
+// non-zero DWORD lets it run. A directory named as the package is refused with
+// code 6, and its marker stays while it cannot be deleted.
+TEST_F(EndToEnd, PolicyTypesAndADirectoryNamedAsThePackage) {
+    const wchar_t kPolicy[] = L"SOFTWARE\\Policies\\Korvanta\\NativeClient\\Cloud";
+    const DWORD two = 2;
+    const BYTE one = 1;
+    const struct {
+        const char* name;
+        DWORD type; // REG_NONE: no value
+        const void* data;
+        DWORD size;
+        bool runs;
+    } rows[] = {{"REG_SZ \"0\" switches it off", REG_SZ, L"0", 4, false},
+                {"REG_SZ \"1\" switches it off", REG_SZ, L"1", 4, false},
+                {"REG_BINARY switches it off", REG_BINARY, &one, 1, false},
+                {"a non-zero REG_DWORD runs", REG_DWORD, &two, 4, true},
+                {"no value runs", REG_NONE, nullptr, 0, true}};
+    UniqueHandle push(
+        OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Global\\com.korvanta.updateservice.msipush"));
+    ASSERT_TRUE(push);
+    const std::wstring stem = L"e2e policy";
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kPolicy, L"AUTOUPDATE");
+        if (row.type != REG_NONE) {
+            ASSERT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, kPolicy, L"AUTOUPDATE", row.type,
+                                      row.data, row.size),
+                      ERROR_SUCCESS);
+        }
+        ASSERT_TRUE(
+            CopyFileW(FixturePath(L"unsigned.msi").c_str(), Drop(stem + L".msi").c_str(), FALSE) &&
+            WriteFileBytes(Drop(stem + L".pending"), ""));
+        SetEvent(push.Get());
+        EXPECT_EQ(WaitForPath(Update(stem + L".result"), row.runs ? 20000 : 2000), row.runs);
+        Sleep(300); // the request's files go after its answer
+        EXPECT_EQ(PathExists(Drop(stem + L".msi")) && PathExists(Drop(stem + L".pending")),
+                  !row.runs);
+        RemoveTree(Update(stem + L".result"));
+        DeleteFileW(Drop(stem + L".msi").c_str()), DeleteFileW(Drop(stem + L".pending").c_str());
+    }
+
+    const std::wstring folder = L"e2e folder";
+    ASSERT_TRUE(CreateDirectoryW(Drop(folder + L".msi").c_str(), nullptr) &&
+                WriteFileBytes(Drop(folder + L".msi\\inside.txt"), "x") &&
+                WriteFileBytes(Drop(folder + L".pending"), ""));
+    SetEvent(push.Get());
+    ASSERT_TRUE(WaitForPath(Update(folder + L".result"), 20000));
+    Sleep(200);
+    std::string text;
+    ASSERT_TRUE(ReadFileBytes(Update(folder + L".result"), text));
+    EXPECT_TRUE(text.starts_with("0|") && text.ends_with(": 6")) << text;
+    for (int pass = 0; pass < 2; ++pass, SetEvent(push.Get()), Sleep(1000))
+        EXPECT_TRUE(PathExists(Drop(folder + L".removepending")) &&
+                    PathExists(Drop(folder + L".msi\\inside.txt")))
+            << pass;
+    RemoveTree(Drop(folder + L".msi"));
+    DeleteFileW(Drop(folder + L".removepending").c_str());
+}

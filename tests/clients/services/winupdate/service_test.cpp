@@ -1,5 +1,6 @@
-// The service host: control handler and wait loop in-process, and the real loop
-// under the service manager through a copy of the host with a counting pass.
+// The service host: the control handler, the wait loop and the failure reports
+// in-process, and the real loop under the service manager through a copy of
+// the host whose pass counts.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -7,10 +8,13 @@
 #include <aclapi.h>
 #include <sddl.h>
 
+#include <functional>
 #include <string>
 
-#include "handles.h"
+#include "constants.h"
 #include "host.h"
+#include "report.h"
+#include "seams.h"
 #include "servicectl.h"
 #include "testsupport.h"
 
@@ -18,22 +22,22 @@ using namespace testsupport;
 
 namespace {
 
-const wchar_t kPushEventName[] = L"Global\\com.korvanta.updateservice.msipush";
-
 int s_steps = 0;
 
-// A context whose events exist but that never talks to the service manager.
+// A context whose events exist but that never talks to the service manager;
+// the report lines written meanwhile are collected.
 struct LocalContext {
     ServiceContext context;
     LocalContext() {
         InitServiceContext(&context);
-        for (HANDLE& event : context.events)
-            event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+        for (UniqueHandle& event : context.events)
+            event.Reset(CreateEventW(nullptr, FALSE, FALSE, nullptr));
         context.step = [] { ++s_steps; };
         context.waitMs = 50;
         s_steps = 0;
+        SetInteractionAllowed(false, false);
     }
-    ~LocalContext() { CloseServiceContext(&context); }
+    ReportLines reports;
 };
 
 } // namespace
@@ -41,66 +45,99 @@ struct LocalContext {
 TEST(ServiceControlHandler, AnswersEveryControl) {
     LocalContext local;
     local.context.lastError = 1234; // not ready: state requests answer the stored error
-    // Stop, interrogate, shutdown, and a user control nothing implements (120).
-    const DWORD cases[][2] = {{1, 1234}, {4, 0}, {5, 0}, {200, ERROR_CALL_NOT_IMPLEMENTED}};
+    // Stop, pause, continue, interrogate, shutdown, and a user control nothing implements.
+    const DWORD cases[][2] = {{1, 1234}, {2, 1234}, {3, 1234},  {4, 0},
+                              {5, 0},    {127, 0},  {128, 120}, {255, 120}};
     for (const auto& c : cases)
         EXPECT_EQ(ServiceControlHandler(c[0], 0, nullptr, &local.context), c[1]) << c[0];
     EXPECT_EQ(ServiceControlHandler(SERVICE_CONTROL_STOP, 0, nullptr, nullptr),
-              static_cast<DWORD>(ERROR_BAD_ENVIRONMENT));
-    EXPECT_EQ(WaitForMultipleObjects(5, local.context.events, FALSE, 0), WAIT_TIMEOUT);
+              DWORD(ERROR_BAD_ENVIRONMENT));
+    EXPECT_EQ(local.context.status.dwCheckPoint, 0u); // nothing was reported
 }
 
 TEST(WaitServiceEvent, ActsOnEachWaitResult) {
+    // Without seams the queue is polled once a minute.
+    EXPECT_EQ(LocalContext().context.waitMs, 50u);
+    ServiceContext product;
+    InitServiceContext(&product);
+    EXPECT_EQ(product.waitMs, 60000u);
     // Event index to signal (-1: none, the wait times out), paused, result, passes run.
-    const int cases[][4] = {{4, 0, 1, 1}, {-1, 0, 1, 1}, {4, 1, 1, 0}, {0, 0, 0, 0}, {3, 0, 0, 0}};
+    const int cases[][4] = {{4, 0, 1, 1}, {-1, 0, 1, 1}, {4, 1, 1, 0}, {-1, 1, 1, 0},
+                            {0, 0, 0, 0}, {1, 0, 0, 0},  {3, 0, 0, 0}};
     for (const auto& c : cases) {
         LocalContext local;
         local.context.paused = c[1] != 0;
         if (c[0] >= 0)
-            SetEvent(local.context.events[c[0]]);
+            SetEvent(local.context.events[c[0]].Get());
         EXPECT_EQ(WaitServiceEvent(&local.context), c[2] != 0) << c[0] << c[1];
         EXPECT_EQ(s_steps, c[3]) << c[0] << c[1];
     }
-    LocalContext failed;
-    const HANDLE saved = failed.context.events[2];
-    failed.context.events[2] = reinterpret_cast<HANDLE>(0x1234);
-    EXPECT_FALSE(WaitServiceEvent(&failed.context));
-    EXPECT_EQ(failed.context.lastError, static_cast<DWORD>(ERROR_INVALID_HANDLE));
-    failed.context.events[2] = saved;
     // A mutex whose owner thread ended without releasing it is abandoned: ignored.
     LocalContext local;
-    CloseHandle(local.context.events[4]);
-    local.context.events[4] = CreateMutexW(nullptr, FALSE, nullptr);
+    local.context.events[4].Reset(CreateMutexW(nullptr, FALSE, nullptr));
     UniqueHandle owner(CreateThread(
         nullptr, 0, [](void* m) -> DWORD { return WaitForSingleObject(static_cast<HANDLE>(m), 0); },
-        local.context.events[4], 0, nullptr));
+        local.context.events[4].Get(), 0, nullptr));
     WaitForSingleObject(owner.Get(), INFINITE);
     EXPECT_TRUE(WaitServiceEvent(&local.context));
     EXPECT_EQ(s_steps, 0);
 }
 
+// Every failure of a platform call is one error event naming the call and its code.
+TEST(ServiceHost, FailureReportsNameTheCall) {
+    static const ServiceSeams denied = {nullptr, 0, [](LPCSTR, LPCSTR, DWORD) -> SC_HANDLE {
+                                            SetLastError(ERROR_ACCESS_DENIED);
+                                            return nullptr;
+                                        }};
+    const std::pair<std::function<bool(ServiceContext&)>, std::string> cases[] = {
+        {[](ServiceContext&) {
+             SetServiceSeamsForTesting(&denied);
+             const int result = InstallService();
+             SetServiceSeamsForTesting(nullptr);
+             return result == 1;
+         },
+         "[OpenSCManager] failed with code [00000005]"},
+        // Outside the service dispatcher there is no service to register a handler for.
+        {[](ServiceContext& c) { return !CreateServiceContext(&c, WStr(L"KVT_NOT_DISPATCHED")); },
+         "[RegisterServiceCtrlHandler] failed with code ["},
+        {[](ServiceContext& c) {
+             c.ready = true; // with no status handle: the manager never registered us
+             return SetServiceState(&c, kRequestPause) == c.lastError && c.lastError != 0;
+         },
+         "[SetServiceStatus] failed with code ["},
+        {[](ServiceContext& c) {
+             c.events[2].Reset(reinterpret_cast<HANDLE>(0x1234)); // not a handle
+             const bool ended = !WaitServiceEvent(&c);
+             c.events[2].Detach();
+             return ended && c.lastError == ERROR_INVALID_HANDLE;
+         },
+         "[WaitForMultipleObjects] failed with code [00000006]"},
+    };
+    for (const auto& [action, report] : cases) {
+        LocalContext local;
+        EXPECT_TRUE(action(local.context)) << report;
+        EXPECT_TRUE(local.reports.Contains("ReportEvent: Function " + report))
+            << report << "\n"
+            << local.reports.Take();
+    }
+}
+
 TEST(PushEvent, GrantsEveryoneAllRightsAndRefusesAnExistingObject) {
     UniqueHandle event(CreateMSIPushEvent());
     ASSERT_TRUE(event) << GetLastError();
-    PACL dacl = nullptr;
-    PSECURITY_DESCRIPTOR descriptor = nullptr; // owns the DACL
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
     ASSERT_EQ(GetSecurityInfo(event.Get(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
-                              nullptr, &dacl, nullptr, &descriptor),
-              static_cast<DWORD>(ERROR_SUCCESS));
+                              nullptr, nullptr, nullptr, &descriptor),
+              DWORD(ERROR_SUCCESS));
     UniqueLocal owner(descriptor);
-    ASSERT_TRUE(dacl != nullptr && dacl->AceCount == 1);
-    void* ace = nullptr;
-    ASSERT_TRUE(GetAce(dacl, 0, &ace));
-    auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
-    EXPECT_EQ(allowed->Header.AceType, ACCESS_ALLOWED_ACE_TYPE);
-    EXPECT_EQ(allowed->Mask, 0x1FFFFFu);
-    wchar_t* sid = nullptr;
-    ASSERT_TRUE(ConvertSidToStringSidW(&allowed->SidStart, &sid));
-    UniqueLocal sidOwner(sid);
-    EXPECT_STREQ(sid, L"S-1-1-0");
+    wchar_t* sddl = nullptr;
+    ASSERT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorW(
+        descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &sddl, nullptr));
+    UniqueLocal sddlOwner(sddl);
+    EXPECT_STREQ(sddl, L"D:(A;;0x1fffff;;;WD)"); // one entry: Everyone, all rights
     SetLastError(0);
     EXPECT_EQ(CreateMSIPushEvent(), nullptr);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ALREADY_EXISTS));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_ALREADY_EXISTS));
 }
 
 namespace {
@@ -153,7 +190,7 @@ class CountingService : public ::testing::Test {
         return Within(10000, [&] { return Passes() >= count; }) && (Sleep(500), Passes() == count);
     }
     void Push(int times = 1, DWORD gapMs = 0) const {
-        UniqueHandle push(OpenEventW(EVENT_MODIFY_STATE, FALSE, kPushEventName));
+        UniqueHandle push(OpenEventA(EVENT_MODIFY_STATE, FALSE, ProductConstants.pushEventName));
         for (int i = 0; push && i < times; ++i)
             SetEvent(push.Get()), Sleep(gapMs);
         EXPECT_TRUE(push) << GetLastError();
@@ -161,6 +198,11 @@ class CountingService : public ::testing::Test {
     // A closed gate holds the next pass open until it opens again.
     void Gate(bool open) { open ? SetEvent(m_gate.Get()) : ResetEvent(m_gate.Get()); }
     bool WaitPassStarted() { return WaitForSingleObject(m_started.Get(), 10000) == WAIT_OBJECT_0; }
+    SERVICE_STATUS Status() const {
+        SERVICE_STATUS status{};
+        QueryServiceStatus(m_service.Get(), &status);
+        return status;
+    }
 
     ScratchDir m_dir{L"service"};
     std::wstring m_log = m_dir.Join(L"service.log");
@@ -169,39 +211,52 @@ class CountingService : public ::testing::Test {
     UniqueServiceHandle m_manager{OpenManager()}, m_service;
 };
 
+std::string StatusText(const SERVICE_STATUS& s) {
+    return StrFormat("state %lu checkpoint %lu hint %lu controls %lu", s.dwCurrentState,
+                     s.dwCheckPoint, s.dwWaitHint, s.dwControlsAccepted)
+        .Text();
+}
+
 } // namespace
 
 TEST_F(CountingService, ReportsEveryStateCoalescesPushesAndDropsThemWhilePaused) {
     Gate(false);
     ASSERT_TRUE(Start(600000)) << GetLastError();
     ASSERT_TRUE(WaitPassStarted());
+    // The first pass runs while the start is pending; pause and continue accepted already.
+    EXPECT_EQ(StatusText(Status()), "state 2 checkpoint 1 hint 100 controls 3");
     // Two pushes before the service waits: one more pass.
     Push(2, 0);
     Gate(true);
     ASSERT_TRUE(WaitForServiceState(m_service.Get(), SERVICE_RUNNING, 20000));
+    EXPECT_EQ(StatusText(Status()), "state 4 checkpoint 2 hint 100 controls 3");
     EXPECT_TRUE(Settled(2));
-    // A push during a pass: exactly one more.
+    // A push during a pass: exactly one more. A pause during a pass is pending until it ends.
     Gate(false);
     Push();
     ASSERT_TRUE(WaitPassStarted());
     Push();
+    SERVICE_STATUS status{};
+    ASSERT_TRUE(ControlService(m_service.Get(), SERVICE_CONTROL_PAUSE, &status));
+    EXPECT_EQ(StatusText(Status()), "state 6 checkpoint 3 hint 100 controls 3");
     Gate(true);
-    EXPECT_TRUE(Settled(4));
+    ASSERT_TRUE(WaitForServiceState(m_service.Get(), SERVICE_PAUSED, 10000));
+    EXPECT_EQ(StatusText(Status()), "state 7 checkpoint 4 hint 100 controls 3");
+    EXPECT_TRUE(Settled(3)); // the pending push came in after the pause: dropped
     // Paused: pushes are consumed and dropped; continue runs nothing by itself.
-    ASSERT_TRUE(Control(SERVICE_CONTROL_PAUSE, SERVICE_PAUSED));
     Push(2, 300);
     ASSERT_TRUE(Control(SERVICE_CONTROL_CONTINUE, SERVICE_RUNNING));
-    EXPECT_TRUE(Settled(4));
+    EXPECT_TRUE(Settled(3));
     Push();
-    ASSERT_TRUE(Within(10000, [&] { return Passes() >= 5; }));
+    ASSERT_TRUE(Within(10000, [&] { return Passes() >= 4; }));
     // A stop while paused stops at once, without a pass.
     ASSERT_TRUE(Control(SERVICE_CONTROL_PAUSE, SERVICE_PAUSED));
     ASSERT_TRUE(Control(SERVICE_CONTROL_STOP, SERVICE_STOPPED));
-    EXPECT_EQ(Passes(), 5);
+    EXPECT_EQ(Passes(), 4);
 
-    // The first pass ran while START_PENDING (2), then the four events in order.
+    // The events in order, each after the first pass.
     const std::string log = Log();
-    size_t last = log.find("pass 1 state 2"); // npos fails the first comparison
+    size_t last = log.find("pass 1"); // npos fails the first comparison
     for (const char* event : {" started.", " is pausing.", " is continuing.", " stopped."}) {
         const size_t at =
             log.find("Korvanta Cloud Client Update Service (24.7.0.57)" + std::string(event));
@@ -227,7 +282,7 @@ TEST_F(CountingService, TimeOutRunsAPassAndRestartsAfterEveryWakeUp) {
 }
 
 TEST_F(CountingService, RefusesToStartWhenThePushEventExistsAlready) {
-    UniqueHandle squatter(CreateEventW(nullptr, FALSE, FALSE, kPushEventName));
+    UniqueHandle squatter(CreateEventA(nullptr, FALSE, FALSE, ProductConstants.pushEventName));
     // The service never reports a state, so the start request itself may time out.
     Start(600000);
     ASSERT_TRUE(m_service) << GetLastError();
