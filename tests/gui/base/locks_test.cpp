@@ -190,6 +190,7 @@ TEST(MonitoredSection, LongHoldReportAgainstTheThreshold) {
         {"a section without a name is Unknown", nullptr, L"u301",
          R"("lockname":"Unknown","locksite":"KvtSite","calltime_ms":301,"threshold_ms":300)"},
         {"a non-numeric threshold keeps 300", L"fast", L"301", R"("threshold_ms":300)"},
+        {"a number with a unit keeps 300", L"50ms", L"301", R"("threshold_ms":300)"},
         {"21 digits keep 300", L"000000000000000000050", L"301", R"("threshold_ms":300)"},
         {"a numeric threshold is taken", L"50", L"51", R"("calltime_ms":51,"threshold_ms":50)"},
         {"0 switches the report off", L"0", L"100000", nullptr},
