@@ -1,9 +1,13 @@
 // One queue pass over many requests, next to the same platform calls made
 // directly on an identical set of files in the same run.
-//   servicestep_bench.exe <fixtures directory> [requests]
+//   servicestep_bench.exe <fixtures directory> [requests] [rounds]
 // The fixtures are those of tests/fixtures/make-fixtures.sh; the test CA must be
 // trusted in the prefix (kvt_trustca.exe). The installer is replaced by a cheap
 // console program for both sides, so that no package is really installed.
+// Fairness: one untimed warm-up round, the side that goes first alternates, and
+// the stand-in processes of a side are waited for (through a job object that
+// every child joins) after its timed span, so neither side pays for the other's
+// children. Printed: each round's ratio, their median and spread.
 #include <windows.h>
 
 #include <aclapi.h>
@@ -12,6 +16,7 @@
 #include <wincrypt.h>
 #include <wintrust.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -177,15 +182,42 @@ void DirectPass(const std::wstring& drop, const std::wstring& update,
     }
 }
 
+// Seconds for one side: the drop directory filled, the side timed, then its
+// stand-in processes waited for.
+template <class Side>
+double TimeSide(HANDLE job, const std::wstring& drop, const std::wstring& update,
+                const std::wstring& fixtures, const std::vector<Request>& requests, Side side) {
+    EmptyDirectory(drop);
+    EmptyDirectory(update);
+    Place(drop, fixtures, requests);
+    const double start = Now();
+    side();
+    const double seconds = Now() - start;
+    JOBOBJECT_BASIC_ACCOUNTING_INFORMATION info = {};
+    do {
+        Sleep(1);
+        QueryInformationJobObject(job, JobObjectBasicAccountingInformation, &info, sizeof info,
+                                  nullptr);
+    } while (info.ActiveProcesses > 1);
+    return seconds;
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const size_t n = values.size();
+    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
 } // namespace
 
 int wmain(int argc, wchar_t** argv) {
     if (argc < 2) {
-        fwprintf(stderr, L"usage: servicestep_bench <fixtures directory> [requests]\n");
+        fwprintf(stderr, L"usage: servicestep_bench <fixtures directory> [requests] [rounds]\n");
         return 2;
     }
     const std::wstring fixtures = argv[1];
     const int count = argc > 2 ? _wtoi(argv[2]) : 120;
+    const int rounds = std::max(7, argc > 3 ? _wtoi(argv[3]) : 9);
     std::vector<Request> requests;
     for (int i = 0; i < count; ++i) {
         const wchar_t* fixture = nullptr;
@@ -206,10 +238,19 @@ int wmain(int argc, wchar_t** argv) {
         }
         requests.push_back({L"request-" + std::to_wstring(i), fixture});
     }
-    static const QueueSeams standIn = {
-        nullptr, nullptr, nullptr,
-        [](const Str&) { return StartCommand(Str("cmd.exe /c exit 0"), nullptr, true, true); }};
+    static const QueueSeams standIn = {nullptr,
+                                       nullptr,
+                                       nullptr,
+                                       [](const Str&) { return StartCommand(Str("cmd.exe /c exit 0"), nullptr, true, true); },
+                                       nullptr,
+                                       nullptr};
     SetQueueSeamsForTesting(&standIn);
+    // Every stand-in process joins this job, so a side can wait for its own.
+    HANDLE job = CreateJobObjectW(nullptr, nullptr);
+    if (job == nullptr || !AssignProcessToJobObject(job, GetCurrentProcess())) {
+        fwprintf(stderr, L"no job object: %lu\n", GetLastError());
+        return 1;
+    }
 
     const std::wstring drop = Wide(GetDropDirectory());
     const std::wstring update = Wide(GetUpdateDirectory());
@@ -218,31 +259,39 @@ int wmain(int argc, wchar_t** argv) {
     for (const Request& r : requests)
         accepted += r.fixture != nullptr && wcscmp(r.fixture, L"signed-korvanta.msi") == 0;
 
-    double passSeconds = 0;
-    double directSeconds = 0;
-    const int rounds = 3;
-    for (int round = 0; round < rounds; ++round) {
-        EmptyDirectory(drop);
-        EmptyDirectory(update);
-        Place(drop, fixtures, requests);
-        double start = Now();
-        ExecuteServiceStep();
-        passSeconds += Now() - start;
-
-        EmptyDirectory(drop);
-        EmptyDirectory(update);
-        Place(drop, fixtures, requests);
-        start = Now();
-        DirectPass(drop, update, requests);
-        directSeconds += Now() - start;
+    const auto pass = [] { ExecuteServiceStep(); };
+    const auto direct = [&] { DirectPass(drop, update, requests); };
+    std::vector<double> passMs, directMs, ratios;
+    // Round 0 is the untimed warm-up.
+    for (int round = 0; round <= rounds; ++round) {
+        double passSeconds, directSeconds;
+        if (round % 2 == 0) {
+            passSeconds = TimeSide(job, drop, update, fixtures, requests, pass);
+            directSeconds = TimeSide(job, drop, update, fixtures, requests, direct);
+        } else {
+            directSeconds = TimeSide(job, drop, update, fixtures, requests, direct);
+            passSeconds = TimeSide(job, drop, update, fixtures, requests, pass);
+        }
+        if (round == 0)
+            continue;
+        passMs.push_back(passSeconds / count * 1e3);
+        directMs.push_back(directSeconds / count * 1e3);
+        ratios.push_back(passSeconds / directSeconds);
+        wprintf(L"round %2d (%ls first): pass %7.3f ms, direct %7.3f ms per request, ratio %.3f\n",
+                round, round % 2 == 0 ? L"pass" : L"direct", passMs.back(), directMs.back(),
+                ratios.back());
     }
     EmptyDirectory(drop);
     EmptyDirectory(update);
-    const double perPass = passSeconds / rounds / count * 1e3;
-    const double perDirect = directSeconds / rounds / count * 1e3;
-    wprintf(L"requests per pass: %d (%d accepted), rounds: %d\n", count, accepted, rounds);
-    wprintf(L"queue pass:           %8.3f ms per request\n", perPass);
-    wprintf(L"platform calls alone: %8.3f ms per request\n", perDirect);
-    wprintf(L"added by the pass:    %+7.1f %%\n", (perPass / perDirect - 1) * 100);
+    wprintf(L"requests per pass: %d (%d accepted), timed rounds: %d\n", count, accepted, rounds);
+    wprintf(L"queue pass:           median %8.3f ms per request (%.3f..%.3f)\n", Median(passMs),
+            *std::min_element(passMs.begin(), passMs.end()),
+            *std::max_element(passMs.begin(), passMs.end()));
+    wprintf(L"platform calls alone: median %8.3f ms per request (%.3f..%.3f)\n", Median(directMs),
+            *std::min_element(directMs.begin(), directMs.end()),
+            *std::max_element(directMs.begin(), directMs.end()));
+    wprintf(L"pass / direct:        median %.3f (%.3f..%.3f)\n", Median(ratios),
+            *std::min_element(ratios.begin(), ratios.end()),
+            *std::max_element(ratios.begin(), ratios.end()));
     return 0;
 }

@@ -21,14 +21,18 @@ struct ServiceSeams {
 void SetServiceSeamsForTesting(const ServiceSeams* seams);
 
 // The queue pass: its two checks, the security call for the moved package
-// (Wine keeps no file DACL, so only the call itself can be observed) and the
-// installer start.
+// (Wine keeps no file DACL, so only the call itself can be observed), the
+// installer start, and two points where a test acts between the steps of a
+// request: after the first checks, right before the package is taken for the
+// move, and right after the move (the product does nothing there).
 struct QueueSeams {
-    bool (*verifyTrust)(const Str& path);
+    bool (*verifyTrust)(const Str& path, HANDLE file);
     bool (*isCompanySigned)(const Str& path);
     DWORD(WINAPI* setNamedSecurityInfo)
     (LPWSTR path, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID owner, PSID group, PACL dacl,
      PACL sacl);
     bool (*startInstaller)(const Str& commandLine);
+    void (*beforeMove)(const Str& package);
+    void (*afterMove)(const Str& moved);
 };
 void SetQueueSeamsForTesting(const QueueSeams* seams);

@@ -1,6 +1,12 @@
 // The installer queue's processing pass: every request in the drop directory
 // is answered once, by starting a silent installation of its package from the
 // administrators-only update directory, or by refusing it with a result code.
+//
+// The drop directory is writable by every local user and the pass runs as
+// LocalSystem, so the pass works from handles, not paths: both directories are
+// held open for the pass, each file is opened relative to them without
+// following links, and a package is held open denying writers and deleters
+// while it is checked, and again, once moved, until its installer has started.
 #include "servicestep.h"
 
 #include <windows.h>
@@ -17,83 +23,173 @@
 #include "report.h"
 #include "seams.h"
 #include "signature.h"
+#include "spool.h"
 
 namespace {
 
 SeamSlot<QueueSeams> s_seams;
 
+// Not a result code: the request passed the steps so far.
+constexpr uint32_t kPassed = 0xFFFFFFFF;
+
+const char kPolicyKey[] = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Policies\\Korvanta\\NativeClient";
+const char kSetupsKey[] = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Korvanta\\WebClient\\Setups";
+
 bool StartInstaller(const Str& commandLine) {
     return StartCommand(commandLine);
 }
 
-const char kSourceFile[] = "clients\\services\\winupdate\\servicestep";
-const char kPolicyKey[] = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Policies\\Korvanta\\NativeClient";
-const char kSetupsKey[] = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Korvanta\\WebClient\\Setups";
-
-// directory + "\" + stem + extension; empty when any step fails.
-Str SiblingPath(const Str& directory, const Str& stem, const char* extension) {
-    Str path = directory;
-    Str name = stem;
-    if (!name.Append(extension) || !AppendPathComponent(path, name.Text()))
-        return Str();
-    return path;
+bool VerifyTrust(const Str& path, HANDLE file) {
+    return s_seams.Pick(&QueueSeams::verifyTrust, VerifyFileTrust)(path, file);
 }
 
-// Leaves an empty "<stem>.removepending" beside a package that could not be deleted.
-void MarkForRemoval(const Str& package) {
-    const Str marker = SiblingPath(PathDirectory(package), PathStem(package), ".removepending");
-    if (!marker.IsEmpty())
-        CreateEmptyFile(marker);
+bool CompanySigned(const Str& path) {
+    return s_seams.Pick(&QueueSeams::isCompanySigned, IsCompanySigned)(path);
 }
 
-void WriteResultFile(const Str& path, uint32_t code) {
-    const Str line = ResultLine(code);
-    const WStr wide = ToPlatformPath(path);
-    UniqueHandle file(CreateFileW(wide.Text(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
-                                  nullptr, CREATE_ALWAYS,
-                                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-    if (!file)
-        return;
-    DWORD written = 0;
-    WriteFile(file.Get(), line.Text(), line.Length(), &written, nullptr);
+void AtSeam(void (*QueueSeams::*point)(const Str&), const Str& path) {
+    const QueueSeams* seams = s_seams.Get();
+    if (seams != nullptr && seams->*point != nullptr)
+        (seams->*point)(path);
 }
 
-uint32_t AnswerRequest(const Str& dropDirectory, const Str& updateDirectory, const Str& request) {
-    const auto verifyTrust = s_seams.Pick(&QueueSeams::verifyTrust, VerifyFileTrust);
-    const auto isCompanySigned = s_seams.Pick(&QueueSeams::isCompanySigned, IsCompanySigned);
-    const Str package = SiblingPath(dropDirectory, PathStem(request), ".msi");
-    Str working = package;
-    uint32_t code;
-    // Anything of that name counts as the package here, a directory too: the
-    // checks then refuse it.
-    if (!PathExists(package)) {
-        code = kResultNoPackage;
-    } else if (!verifyTrust(package)) {
-        code = kResultNotTrusted;
-    } else if (!isCompanySigned(package)) {
-        code = kResultNotCompanySigned;
-    } else {
-        const Str moved = SecureInstallerFile(updateDirectory, package);
-        if (moved.IsEmpty()) {
-            code = kResultNotSecured;
-        } else {
-            WriteInstallerRecord(moved);
-            working = moved;
-            // The moved copy is the file that gets installed: check it again.
-            if (!verifyTrust(moved))
-                code = kResultMovedNotTrusted;
-            else if (!isCompanySigned(moved))
-                code = kResultMovedNotCompanySigned;
-            else
-                code = s_seams.Pick(&QueueSeams::startInstaller,
-                                    StartInstaller)(InstallerCommandLine(moved))
-                           ? kResultStarted
-                           : kResultNotStarted;
+bool NoSuchName(DWORD error) {
+    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ||
+           error == ERROR_INVALID_NAME;
+}
+
+// The first checks, on the package in the drop directory, held open denying
+// writers and deleters so that the file checked is the file the path names.
+uint32_t CheckDroppedPackage(const Spool& spool, InHand& hand) {
+    const WStr name = WithExtension(hand.stem, L".msi");
+    FileFacts facts;
+    const UniqueHandle package =
+        OpenInDirectory(spool.drop, name, FILE_READ_DATA, FILE_SHARE_READ, 0, &facts);
+    // Anything else of that name counts as the package (a directory, a link,
+    // a file in use): the checks refuse it.
+    if (!package)
+        return NoSuchName(GetLastError()) ? kResultNoPackage : kResultNotTrusted;
+    hand.package = facts.id;
+    // A second name would let its holder rewrite the package after the move.
+    if (facts.links != 1)
+        return kResultNotTrusted;
+    const Str path = PathIn(spool.drop, name);
+    if (!VerifyTrust(path, package.Get()))
+        return kResultNotTrusted;
+    if (!CompanySigned(path))
+        return kResultNotCompanySigned;
+    return kPassed;
+}
+
+// Moves the checked package into the update directory through its handle.
+uint32_t MoveDroppedPackage(Spool& spool, InHand& hand) {
+    const WStr name = WithExtension(hand.stem, L".msi");
+    AtSeam(&QueueSeams::beforeMove, PathIn(spool.drop, name));
+    bool moved = false;
+    {
+        // Deleters denied: nobody renames it meanwhile; writers denied: a writer
+        // that opened since the check makes this fail.
+        FileFacts facts;
+        const UniqueHandle package =
+            OpenInDirectory(spool.drop, name, DELETE, FILE_SHARE_READ, 0, &facts);
+        if (package && facts.id == hand.package && facts.links == 1) {
+            hand.state = kInHandMoving;
+            moved = WriteInHand(spool, hand) &&
+                    RenameOpenedFile(package.Get(), spool.update, name, true);
         }
     }
-    if (code != kResultStarted && !DeleteFilePath(working, false))
-        MarkForRemoval(working);
-    return code;
+    if (moved) {
+        AtSeam(&QueueSeams::afterMove, PathIn(spool.update, name));
+        return kPassed;
+    }
+    // As for any failed move: the target goes, or is marked when it cannot
+    // (also when it is not there).
+    if (!DeleteInDirectory(spool.update, name))
+        MarkForRemoval(spool.update, hand.stem);
+    return kResultNotSecured;
+}
+
+// From the step after the move: security, the second checks on the moved copy
+// (held open denying writers and deleters) and the installer start.
+uint32_t InstallMovedPackage(Spool& spool, InHand& hand) {
+    const WStr name = WithExtension(hand.stem, L".msi");
+    const Str moved = PathIn(spool.update, name);
+    if (!SecureInstallerFile(moved)) {
+        if (!DeleteInDirectory(spool.update, name))
+            MarkForRemoval(spool.update, hand.stem);
+        return kResultNotSecured;
+    }
+    hand.moved = true;
+    FileFacts facts;
+    const UniqueHandle package =
+        OpenInDirectory(spool.update, name, FILE_READ_DATA, FILE_SHARE_READ, 0, &facts);
+    // Still held by a writer from before the move, or given a second name.
+    if (!package || facts.id != hand.package || facts.links != 1)
+        return kResultNotSecured;
+    WriteInstallerRecord(moved);
+    if (!VerifyTrust(moved, package.Get()))
+        return kResultMovedNotTrusted;
+    if (!CompanySigned(moved))
+        return kResultMovedNotCompanySigned;
+    return s_seams.Pick(&QueueSeams::startInstaller, StartInstaller)(InstallerCommandLine(moved))
+               ? kResultStarted
+               : kResultNotStarted;
+}
+
+// Everything after the code is known; run again in full when a pass ended
+// midway, so each step may find its work already done.
+void FinishRequest(Spool& spool, InHand& hand, uint32_t code) {
+    hand.code = code;
+    hand.state = kInHandAnswered;
+    WriteInHand(spool, hand);
+    const HeldDirectory& holder = hand.moved ? spool.update : spool.drop;
+    if (code != kResultStarted && holder.handle &&
+        !DeleteInDirectory(holder, WithExtension(hand.stem, L".msi")))
+        MarkForRemoval(holder, hand.stem);
+    if (spool.drop.handle)
+        DeleteInDirectory(spool.drop, WithExtension(hand.stem, L".pending"));
+    WriteReportF(kCategoryBase, 1, kQueueSourceFile, 267, "Result code %u", code);
+    WriteResultFile(spool, hand, ResultLine(code));
+}
+
+void AnswerRequest(Spool& spool, const WStr& requestName) {
+    InHand hand;
+    hand.stem = NameStem(requestName);
+    uint32_t code = CheckDroppedPackage(spool, hand);
+    if (code == kPassed)
+        code = MoveDroppedPackage(spool, hand);
+    if (code == kPassed)
+        code = InstallMovedPackage(spool, hand);
+    FinishRequest(spool, hand, code);
+}
+
+// Finishes what the record of a former pass says was in hand. A package in
+// the update directory counts as moved only when it is the very file the
+// record names: an older package of that name is never taken for it.
+void ResumeRequestInHand(Spool& spool) {
+    InHand hand;
+    if (!ReadInHand(spool, hand))
+        return;
+    switch (hand.state) {
+    case kInHandMoving: {
+        FileFacts facts;
+        if (!OpenInDirectory(spool.update, WithExtension(hand.stem, L".msi"), FILE_READ_ATTRIBUTES,
+                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, 0, &facts) ||
+            facts.id != hand.package)
+            return; // not moved: the request is still pending as it was
+        FinishRequest(spool, hand, InstallMovedPackage(spool, hand));
+        return;
+    }
+    case kInHandAnswered:
+        FinishRequest(spool, hand, hand.code);
+        return;
+    case kInHandResult:
+        if (!ResultFileWritten(spool, hand))
+            WriteResultFile(spool, hand, ResultLine(hand.code));
+        return;
+    default:
+        return;
+    }
 }
 
 } // namespace
@@ -157,61 +253,24 @@ Str ResultLine(uint32_t code) {
                      LocalTimeText(kTimeTextSeconds).Text(), code);
 }
 
-void RemoveMarkedInstallers(const Str& directory) {
-    Str pattern = directory;
-    if (!AppendPathComponent(pattern, "*.removepending"))
-        return;
-    for (const Str& name : EnumerateFiles(pattern)) {
-        if (name.IsEmpty())
-            continue;
-        Str marker = directory;
-        if (!AppendPathComponent(marker, name.Text()))
-            continue;
-        const Str package = SiblingPath(directory, PathStem(name), ".msi");
-        if (!PathExists(package) || DeleteFilePath(package, false)) {
-            DeleteFilePath(marker, false);
-        } else {
-            ReportAndConfirm(kCategoryBase, kSeverityError, kSourceFile, 178,
-                             StrFormat("ExecuteServiceStep: Could not remove installer file [%s]",
-                                       package.Text())
-                                 .Text());
-        }
-    }
-}
-
-Str SecureInstallerFile(const Str& updateDirectory, const Str& package) {
-    Str result;
-    if (updateDirectory.IsEmpty())
-        return result;
-    Str target = updateDirectory;
-    if (!AppendPathComponent(target, PathFileName(package).Text()))
-        return result;
-    if (MoveFilePath(package, target, false)) {
-        // An empty, unprotected DACL: the file keeps only what it inherits from
-        // the update directory, and Administrators own it.
-        alignas(DWORD) BYTE aclBuffer[8];
-        auto* acl = reinterpret_cast<PACL>(aclBuffer);
-        SID_IDENTIFIER_AUTHORITY nt = SECURITY_NT_AUTHORITY;
-        UniqueSid administrators;
-        if (InitializeAcl(acl, sizeof aclBuffer, ACL_REVISION) &&
-            AllocateAndInitializeSid(&nt, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS,
-                                     0, 0, 0, 0, 0, 0, administrators.Put())) {
-            WStr wide = ToPlatformPath(target);
-            const DWORD status =
-                s_seams.Pick(&QueueSeams::setNamedSecurityInfo, &SetNamedSecurityInfoW)(
-                    wide.MutableText(), SE_FILE_OBJECT,
-                    OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION |
-                        DACL_SECURITY_INFORMATION | UNPROTECTED_DACL_SECURITY_INFORMATION,
-                    administrators.Get(), administrators.Get(), acl, nullptr);
-            if (status == ERROR_SUCCESS)
-                result = target;
-            else
-                SetLastError(status);
-        }
-    }
-    if (result.IsEmpty() && !DeleteFilePath(target, false))
-        MarkForRemoval(target);
-    return result;
+bool SecureInstallerFile(const Str& movedPath) {
+    alignas(DWORD) BYTE aclBuffer[8];
+    auto* acl = reinterpret_cast<PACL>(aclBuffer);
+    SID_IDENTIFIER_AUTHORITY nt = SECURITY_NT_AUTHORITY;
+    UniqueSid administrators;
+    if (movedPath.IsEmpty() || !InitializeAcl(acl, sizeof aclBuffer, ACL_REVISION) ||
+        !AllocateAndInitializeSid(&nt, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0,
+                                  0, 0, 0, 0, 0, administrators.Put()))
+        return false;
+    WStr wide = ToPlatformPath(movedPath);
+    const DWORD status = s_seams.Pick(&QueueSeams::setNamedSecurityInfo, &SetNamedSecurityInfoW)(
+        wide.MutableText(), SE_FILE_OBJECT,
+        OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION |
+            UNPROTECTED_DACL_SECURITY_INFORMATION,
+        administrators.Get(), administrators.Get(), acl, nullptr);
+    if (status != ERROR_SUCCESS)
+        SetLastError(status);
+    return status == ERROR_SUCCESS;
 }
 
 void ExecuteServiceStep() {
@@ -222,30 +281,29 @@ void ExecuteServiceStep() {
         if (ReadRegistryTextAt(url.keyPath.Text(), url.subkey.Text(), url.valueName).IsEmpty())
             return;
     }
-    // The drop directory need not exist: enumeration then finds nothing.
     const Str dropDirectory = GetDropDirectory();
     if (dropDirectory.IsEmpty())
         return;
     const Str updateDirectory = GetUpdateDirectory();
     if (updateDirectory.IsEmpty())
         return;
-
-    RemoveMarkedInstallers(dropDirectory);
-    RemoveMarkedInstallers(updateDirectory);
-
-    Str pattern = dropDirectory;
-    if (!AppendPathComponent(pattern, "*.pending"))
+    // Both held for the whole pass: neither can be swapped for a link midway.
+    // A drop directory that does not exist is simply not served.
+    Spool spool;
+    if (!OpenSpool(dropDirectory, updateDirectory, spool))
         return;
-    for (const Str& name : EnumerateFiles(pattern)) {
-        if (name.IsEmpty())
-            continue;
-        const uint32_t code = AnswerRequest(dropDirectory, updateDirectory, name);
-        Str request = dropDirectory;
-        if (AppendPathComponent(request, name.Text()))
-            DeleteFilePath(request, false);
-        WriteReportF(kCategoryBase, 1, kSourceFile, 267, "Result code %u", code);
-        const Str result = SiblingPath(updateDirectory, PathStem(name), ".result");
-        if (!result.IsEmpty())
-            WriteResultFile(result, code);
+    ResumeRequestInHand(spool);
+    if (spool.drop.handle)
+        RemoveMarkedInstallers(spool.drop);
+    RemoveMarkedInstallers(spool.update);
+    if (spool.drop.handle) {
+        // Read a bounded batch at a time, however many entries there are.
+        VisitDirectory(spool.drop, [&](const DirectoryEntry& entry) {
+            if (!(entry.attributes & FILE_ATTRIBUTE_DIRECTORY) &&
+                EntryHasSuffix(entry, L".pending"))
+                AnswerRequest(spool, WStr(entry.name, entry.length));
+            return true;
+        });
     }
+    CloseSpool(spool);
 }

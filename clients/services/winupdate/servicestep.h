@@ -6,6 +6,9 @@
 
 #include "str.h"
 
+// The source name the pass's reports carry.
+inline constexpr char kQueueSourceFile[] = "clients\\services\\winupdate\\servicestep";
+
 // Result codes of one request.
 enum ResultCode : uint32_t {
     kResultStarted = 0,
@@ -40,6 +43,8 @@ Str InstallerCommandLine(const Str& packagePath);
 // The result file's text: "%u|%s: %u" (success flag, local time, code).
 Str ResultLine(uint32_t code);
 
-void RemoveMarkedInstallers(const Str& directory);
-Str SecureInstallerFile(const Str& updateDirectory, const Str& package);
+// Owner and group Administrators and an empty, unprotected DACL for the moved
+// package, so that it keeps only what it inherits from the update directory.
+bool SecureInstallerFile(const Str& movedPath);
+// One pass over the drop directory: every request found is answered once.
 void ExecuteServiceStep();

@@ -26,13 +26,13 @@ bool IsCompanyName(const WStr& name) {
 
 } // namespace
 
-bool VerifyFileTrust(const Str& path) {
+bool VerifyFileTrust(const Str& path, HANDLE handle) {
     const WStr widePath = WStr::FromUtf8(path);
 
     WINTRUST_FILE_INFO file = {};
     file.cbStruct = 32;
     file.pcwszFilePath = widePath.Text();
-    file.hFile = nullptr;
+    file.hFile = handle;
     file.pgKnownSubject = nullptr;
 
     WINTRUST_DATA data = {};

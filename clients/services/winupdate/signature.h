@@ -9,8 +9,11 @@
 #include "str.h"
 
 // True when WinVerifyTrust accepts the file's signature (no revocation check).
-// path: full path, UTF-8.
-bool VerifyFileTrust(const Str& path);
+// path: full path, UTF-8. file: an open handle of that file, or null; the
+// verifier reads through it where the file's format lets it (for MSI packages
+// it still opens the path, so the caller's handle should deny writers and
+// deleters while the check runs).
+bool VerifyFileTrust(const Str& path, HANDLE file = nullptr);
 
 // True when the signer certificate's O, or else its OU, is exactly "Korvanta Labs".
 // path: full path, UTF-8.

@@ -8,8 +8,10 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <type_traits>
 #include <vector>
 
+#include "handles.h"
 #include "str.h"
 
 // Operation codes of the file-operation notices.
@@ -68,6 +70,86 @@ bool IsValidFileName(const char* name, uint32_t maximum);
 inline bool IsValidFileName(const Str& name, uint32_t maximum) {
     return IsValidFileName(name.Text(), maximum);
 }
+
+// ---------------------------------------------------------------------------
+// Handle-relative operations, for directories that others may write: the
+// directory is opened once, each file in it by name relative to that handle
+// and never through a link, and checks, deletion and renaming go through the
+// opened handles, so that a name swapped meanwhile cannot redirect them. Names
+// are UTF-16, as the directory listing gives them. Changing operations send
+// the same notices as the path functions above (paths built from the
+// directory's path and the name).
+
+// The last error of an open refused because the name is a link, or leads
+// through one that the platform followed anyway.
+inline constexpr DWORD kErrorLinkRefused = ERROR_CANT_ACCESS_FILE;
+
+// A directory held open. While held it can be neither renamed nor deleted.
+struct HeldDirectory {
+    UniqueHandle handle;
+    Str path;  // as opened; for reports and notices
+    WStr name; // its name on its volume, as the handle reports it
+};
+
+// What an opened file is.
+struct FileFacts {
+    uint64_t id = 0; // the file system's number of the file
+    uint32_t attributes = 0;
+    uint32_t links = 0; // names (hard links) of the file
+};
+
+// Opens the directory at path for listing, creating and renaming into it.
+// Refuses a reparse point and a directory that the handle names otherwise
+// than path (reached through a link): false with kErrorLinkRefused.
+bool OpenHeldDirectory(const Str& path, HeldDirectory& directory);
+
+// How OpenInDirectory opens (bits); directories are never opened.
+inline constexpr uint32_t kOpenExisting = 0;
+inline constexpr uint32_t kCreateNew = 1;         // fails (183) when the name exists
+inline constexpr uint32_t kSequentialScan = 2;    // the sequential-scan hint
+inline constexpr uint32_t kAllowReparsePoint = 4; // the link itself, where the platform opens it
+// Opens name relative to the directory without following a link at the name.
+// Refused (kErrorLinkRefused): a reparse point (unless allowed) and a file
+// that the handle names otherwise (a link the platform followed). A directory
+// of that name fails with 5. facts, when given, receives what the file is.
+// Empty on failure, with the last error.
+UniqueHandle OpenInDirectory(const HeldDirectory& directory, const WStr& name, uint32_t access,
+                             uint32_t share, uint32_t how, FileFacts* facts = nullptr);
+// Deletes the name (a link itself, never what it leads to); directories are not
+// deleted. False with the last error (2 when there is no such name).
+bool DeleteInDirectory(const HeldDirectory& directory, const WStr& name);
+// Creates name anew: an existing file or link of that name is deleted first,
+// so that nothing is written through a name somebody else made.
+UniqueHandle CreateFreshFile(const HeldDirectory& directory, const WStr& name, uint32_t access,
+                             uint32_t how = 0, FileFacts* facts = nullptr);
+// Deletes the file of a handle opened with DELETE access.
+bool DeleteOpenedFile(HANDLE file);
+// Renames the file of a handle opened with DELETE access into the directory.
+bool RenameOpenedFile(HANDLE file, const HeldDirectory& directory, const WStr& name, bool replace);
+// What the handle's file is; false with the last error.
+bool GetFileFacts(HANDLE file, FileFacts& facts);
+
+// One entry of a directory listing; name is not terminated.
+struct DirectoryEntry {
+    const wchar_t* name;
+    uint32_t length;
+    uint32_t attributes;
+};
+using DirectoryVisitor = bool (*)(void* context, const DirectoryEntry& entry);
+// Lists the directory from its start, a bounded batch at a time, "." and ".."
+// left out, in the platform's order; the visitor returns false to stop. False
+// when the listing failed (last error).
+bool VisitDirectory(const HeldDirectory& directory, DirectoryVisitor visit, void* context);
+template <class Visit> bool VisitDirectory(const HeldDirectory& directory, Visit&& visit) {
+    return VisitDirectory(
+        directory,
+        [](void* context, const DirectoryEntry& entry) {
+            return (*static_cast<std::remove_reference_t<Visit>*>(context))(entry);
+        },
+        &visit);
+}
+// True when the entry's name ends with suffix (ASCII letters in any case).
+bool EntryHasSuffix(const DirectoryEntry& entry, const wchar_t* suffix);
 
 // Path text helpers. "\" and "/" both separate components.
 // Appends "\" (unless the path is empty or already ends with a separator) and

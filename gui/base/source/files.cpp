@@ -9,6 +9,7 @@
 #include <new>
 
 #include "handles.h"
+#include "private/filenotice.h"
 #include "private/growbuffer.h"
 #include "private/seams.h"
 #include "report.h"
@@ -53,12 +54,7 @@ bool IsWideSeparator(wchar_t c) {
 }
 
 void Notice(uint32_t operation, uint32_t phase, const Str& path, const Str* secondPath) {
-    const FileOperationHook hook = s_fileOperationHook.load(std::memory_order_acquire);
-    if (hook == nullptr)
-        return;
-    LastErrorKeeper keep;
-    hook(operation, kFileOperationNoticeTag, phase, path.Text(),
-         secondPath != nullptr ? secondPath->Text() : nullptr);
+    SendFileNotice(operation, phase, path, secondPath);
 }
 
 // The platform form of a path; false (with the conversion's last error) when a
@@ -94,6 +90,25 @@ WStr ExtendedPath(const WStr& plain) {
 }
 
 } // namespace
+
+bool FileNoticesWanted() {
+    return s_fileOperationHook.load(std::memory_order_acquire) != nullptr;
+}
+
+void SendFileNotice(uint32_t operation, uint32_t phase, const Str& path, const Str* secondPath) {
+    const FileOperationHook hook = s_fileOperationHook.load(std::memory_order_acquire);
+    if (hook == nullptr)
+        return;
+    LastErrorKeeper keep;
+    hook(operation, kFileOperationNoticeTag, phase, path.Text(),
+         secondPath != nullptr ? secondPath->Text() : nullptr);
+}
+
+Str FinalPath::operator()() const {
+    wchar_t buffer[MAX_PATH * 4];
+    const DWORD length = GetFinalPathNameByHandleW(file, buffer, MAX_PATH * 4, 0);
+    return length == 0 || length >= MAX_PATH * 4 ? Str() : Str::FromUtf16(buffer, length);
+}
 
 void SetFileOperationHook(FileOperationHook hook) {
     s_fileOperationHook.store(hook, std::memory_order_release);

@@ -5,6 +5,8 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstring>
+#include <functional>
 #include <regex>
 #include <string>
 #include <vector>
@@ -112,38 +114,17 @@ TEST_F(QueuePass, AnswersEveryRequestWithItsCode) {
     EXPECT_FALSE(PathExists(Drop(L"no package \u00e4\u03a9.removepending")));
 }
 
-TEST_F(QueuePass, PolicyZeroLeavesEverythingUntouched) {
-    const DWORD zero = 0, one = 1, two = 2;
-    const struct {
-        DWORD type;
-        const void* data;
-        DWORD size;
-        bool runs;
-    } cases[] = {
-        {REG_NONE, nullptr, 0, true}, {REG_DWORD, &zero, 4, false}, {REG_DWORD, &one, 4, true},
-        {REG_DWORD, &two, 4, true},   {REG_SZ, L"0", 4, false},
-    };
-    for (const auto& c : cases) {
-        const std::wstring stem = L"policy" + std::to_wstring(&c - cases);
-        SCOPED_TRACE(Narrow(stem));
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, kPolicyKey);
-        if (c.data != nullptr)
-            RegSetKeyValueW(HKEY_LOCAL_MACHINE, kPolicyKey, L"AUTOUPDATE", c.type, c.data, c.size);
-        Request(stem, nullptr);
-        ASSERT_TRUE(WriteFileBytes(Drop(L"left.removepending"), ""));
-        ExecuteServiceStep();
-        EXPECT_EQ(ResultCode(stem), c.runs ? 7 : -1);
-        EXPECT_EQ(PathExists(Drop(stem + L".pending")), !c.runs);
-        EXPECT_EQ(PathExists(Drop(L"left.removepending")), !c.runs);
-    }
-}
-
 TEST_F(QueuePass, RefusalsAfterTheMoveDeleteTheMovedCopy) {
     // Wine always finds msiexec; the seam starts a program that does not exist instead.
-    static const QueueSeams noStart = {nullptr, nullptr, nullptr, [](const Str&) {
+    static const QueueSeams noStart = {nullptr,
+                                       nullptr,
+                                       nullptr,
+                                       [](const Str&) {
                                            return StartCommand(Str("kvt-no-such-installer.exe /qn"),
                                                                nullptr, true, true);
-                                       }};
+                                       },
+                                       nullptr,
+                                       nullptr};
     SetQueueSeamsForTesting(&noStart);
     Request(L"nostart", L"signed-korvanta.msi");
     ExecuteServiceStep();
@@ -152,9 +133,14 @@ TEST_F(QueuePass, RefusalsAfterTheMoveDeleteTheMovedCopy) {
     EXPECT_FALSE(PathExists(Update(L"nostart.msi")) || PathExists(Drop(L"nostart.msi")));
     // Both checks pass in the drop directory; one of them fails on the moved copy.
     const auto inDrop = [](const Str& p) { return Widen(p.Text()).rfind(s_update, 0) != 0; };
+    const auto trustInDrop = [](const Str& p, HANDLE) {
+        return Widen(p.Text()).rfind(s_update, 0) != 0;
+    };
     const auto pass = [](const Str&) { return true; };
-    for (const auto& [checks, code] : {std::pair{QueueSeams{inDrop, pass, nullptr, nullptr}, 3},
-                                       std::pair{QueueSeams{pass, inDrop, nullptr, nullptr}, 2}}) {
+    const auto trust = [](const Str&, HANDLE) { return true; };
+    for (const auto& [checks, code] :
+         {std::pair{QueueSeams{trustInDrop, pass, nullptr, nullptr, nullptr, nullptr}, 3},
+          std::pair{QueueSeams{trust, inDrop, nullptr, nullptr, nullptr, nullptr}, 2}}) {
         SetQueueSeamsForTesting(&checks);
         Request(L"second", L"signed-korvanta.msi");
         ExecuteServiceStep();
@@ -188,4 +174,156 @@ TEST_F(QueuePass, LockedPackageIsMarkedAndRetriedUntilItCanBeDeleted) {
         EXPECT_FALSE(PathExists(Update(L"locked.removepending"))) << pass;
     }
     EXPECT_FALSE(PathExists(Drop(L"locked.msi")));
+}
+
+namespace {
+
+std::vector<std::wstring> s_started; // installer command lines
+bool RecordStart(const Str& commandLine) {
+    s_started.push_back(Widen(commandLine.Text()));
+    return true;
+}
+UniqueHandle s_writer; // a writer a seam opens and holds
+
+} // namespace
+
+// What a local user can plant in the drop directory, answered without harm to
+// anything the service was not handed. "victim" is a file of someone else's.
+TEST_F(QueuePass, HostileDropsAreRefusedAndHarmNothingElse) {
+    static const QueueSeams recordStarts = {nullptr,     nullptr, nullptr,
+                                            RecordStart, nullptr, nullptr};
+    ScratchDir scratch(L"hostile");
+    const std::wstring victim = scratch.Join(L"victim.msi");
+    const auto plantVictim = [&] {
+        ASSERT_TRUE(CopyFileW(FixturePath(L"signed-korvanta.msi").c_str(), victim.c_str(), 0));
+    };
+    const auto victimIntact = [&] {
+        std::string bytes, original;
+        return ReadFileBytes(victim, bytes) &&
+               ReadFileBytes(FixturePath(L"signed-korvanta.msi"), original) && bytes == original;
+    };
+    const struct {
+        const char* name;
+        std::function<void(const std::wstring& stem)> plant;
+        QueueSeams seams;
+        int code;
+    } rows[] = {
+        {"a package with a second name is refused; that name's file stays",
+         [&](const std::wstring& stem) {
+             plantVictim();
+             ASSERT_TRUE(CreateHardLinkW(Drop(stem + L".msi").c_str(), victim.c_str(), nullptr));
+             ASSERT_TRUE(WriteFileBytes(Drop(stem + L".pending"), ""));
+         },
+         recordStarts, 6},
+        {"a writer held from before the push: refused by the check",
+         [&](const std::wstring& stem) {
+             Request(stem, L"signed-korvanta.msi");
+             s_writer.Reset(CreateFileW(Drop(stem + L".msi").c_str(), GENERIC_WRITE,
+                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                        nullptr, OPEN_EXISTING, 0, nullptr));
+         },
+         recordStarts, 6},
+        {"a writer opened between the check and the move: not installed",
+         [&](const std::wstring& stem) { Request(stem, L"signed-korvanta.msi"); },
+         {nullptr, nullptr, nullptr, RecordStart,
+          [](const Str& package) {
+              s_writer.Reset(CreateFileW(Widen(package.Text()).c_str(), GENERIC_WRITE,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                         nullptr, OPEN_EXISTING, 0, nullptr));
+          },
+          nullptr},
+         4},
+        {"a result name planted as a link: its file stays",
+         [&](const std::wstring& stem) {
+             plantVictim();
+             CreateDirectoryW(s_update.c_str(), nullptr);
+             ASSERT_TRUE(
+                 CreateHardLinkW(Update(stem + L".result").c_str(), victim.c_str(), nullptr));
+             Request(stem, L"unsigned.msi");
+         },
+         recordStarts, 6},
+        {"a marker name planted as a link: its file stays",
+         [&](const std::wstring& stem) {
+             plantVictim();
+             ASSERT_TRUE(
+                 CreateHardLinkW(Drop(stem + L".removepending").c_str(), victim.c_str(), nullptr));
+             Request(stem, nullptr);
+         },
+         recordStarts, 7},
+        {"a zero-byte package is refused",
+         [&](const std::wstring& stem) {
+             ASSERT_TRUE(WriteFileBytes(Drop(stem + L".msi"), "") &&
+                         WriteFileBytes(Drop(stem + L".pending"), ""));
+         },
+         recordStarts, 6},
+        {"a truncated package is refused",
+         [&](const std::wstring& stem) {
+             std::string bytes;
+             ASSERT_TRUE(ReadFileBytes(FixturePath(L"signed-korvanta.msi"), bytes));
+             ASSERT_TRUE(WriteFileBytes(Drop(stem + L".msi"), bytes.substr(0, bytes.size() / 2)) &&
+                         WriteFileBytes(Drop(stem + L".pending"), ""));
+         },
+         recordStarts, 6},
+        {"a directory named as a request is passed over",
+         [&](const std::wstring& stem) {
+             ASSERT_TRUE(CreateDirectoryW(Drop(stem + L".pending").c_str(), nullptr));
+         },
+         recordStarts, -1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::wstring stem = L"hostile " + std::to_wstring(&row - rows) + L" \u00e4";
+        s_started.clear();
+        row.plant(stem);
+        SetQueueSeamsForTesting(&row.seams);
+        ExecuteServiceStep();
+        SetQueueSeamsForTesting(nullptr);
+        EXPECT_EQ(ResultCode(stem), row.code);
+        EXPECT_EQ(s_started.size(), size_t(row.code == 0));
+        EXPECT_EQ(PathExists(Drop(stem + L".pending")), row.code < 0);
+        s_writer.Reset();
+        if (PathExists(victim)) {
+            EXPECT_TRUE(victimIntact());
+            DeleteFileW(victim.c_str());
+        }
+    }
+}
+
+// A service ended between the move and the result: the next pass answers the
+// request from the step after the move, once; an old package of another
+// request's name is never taken for a package that was not moved.
+TEST_F(QueuePass, APassEndedAfterTheMoveIsFinishedByTheNext) {
+    Request(L"killed", L"signed-korvanta.msi");
+    wchar_t self[MAX_PATH];
+    GetModuleFileNameW(nullptr, self, MAX_PATH);
+    const ProcessResult child = RunProcess(L"\"" + std::wstring(self) + L"\" --die-after-move");
+    EXPECT_EQ(child.exitCode, 3u) << child.out << child.err;
+    EXPECT_TRUE(PathExists(Update(L"killed.msi")) && ResultCode(L"killed") == -1);
+    // An old package whose request never got as far: still "no package".
+    ASSERT_TRUE(
+        CopyFileW(FixturePath(L"signed-korvanta.msi").c_str(), Update(L"old.msi").c_str(), 0));
+    Request(L"old", nullptr);
+    static const QueueSeams recordStarts = {nullptr,     nullptr, nullptr,
+                                            RecordStart, nullptr, nullptr};
+    s_started.clear();
+    SetQueueSeamsForTesting(&recordStarts);
+    ExecuteServiceStep();
+    ExecuteServiceStep();
+    EXPECT_EQ(ResultCode(L"killed"), 0);
+    EXPECT_EQ(ResultCode(L"old"), 7);
+    EXPECT_EQ(s_started, std::vector<std::wstring>{L"msiexec.exe /qn /i \"" +
+                                                   Update(L"killed.msi") + L"\" AUTOUPDATE=1"});
+    EXPECT_FALSE(PathExists(Drop(L"killed.pending")) || PathExists(Drop(L"killed.msi")));
+}
+
+int main(int argc, char** argv) {
+    if (argc == 2 && strcmp(argv[1], "--die-after-move") == 0) {
+        static const QueueSeams die = {nullptr, nullptr, nullptr,
+                                       nullptr, nullptr, [](const Str&) { ExitProcess(3); }};
+        SetQueueSeamsForTesting(&die);
+        ExecuteServiceStep();
+        return 0;
+    }
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
 }
