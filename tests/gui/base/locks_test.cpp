@@ -26,6 +26,7 @@ namespace {
 // What the provider wrote: "<id>.<phase>/<task> <field>=<value> ...", the field
 // names read from the event's own metadata, as a tracing tool would.
 std::vector<std::string> s_events;
+std::vector<std::string> s_names; // "<name> level <n>", one per event
 PENABLECALLBACK s_enable;
 void* s_libraryContext;
 
@@ -42,6 +43,7 @@ ULONG WINAPI CaptureWrite(REGHANDLE, PCEVENT_DESCRIPTOR descriptor, LPCGUID, LPC
                         "/" + std::to_string(descriptor->Task);
     // Event metadata: size, tags, name, then per field its name and type (and out type).
     const char* meta = reinterpret_cast<const char*>(data[1].Ptr) + 3;
+    s_names.push_back(std::string(meta) + " level " + std::to_string(descriptor->Level));
     meta += strlen(meta) + 1;
     for (ULONG f = 2; f < count; ++f) {
         const std::string name = meta;
@@ -136,6 +138,44 @@ TEST(MonitoredSection, WaitEventsOnlyOnContentionAndNoneForTheOwner) {
     DeleteNamedSection(&named);
 }
 
+// Every catalogue event as a session decodes it: its name, level and fields.
+TEST(DiagnosticCatalogue, EveryEventWithItsNameLevelAndFields) {
+    const DiagnosticValue values[] = {{"a", 0}, {"b", 7}, {"c", 0}, {nullptr, 9}};
+    const struct {
+        uint32_t id;
+        const char* name;   // and its level
+        const char* fields; // as written with the values above
+    } rows[] = {
+        {100, "Critical Section Wait level 5",
+         "100.1/60 lock=a locksite=b lastlocksite=c lastduration_ms=9"},
+        {101, "Thread::Start level 4", "101.1/60 name=a"},
+        {102, "Error level 2", "102.1/60 msg=a"},
+        {103, "ReportEvent level 4", "103.1/60 source=a eventid=7 event=c"},
+        {104, "ReportError level 2", "104.1/60 source=a eventid=7 event=c"},
+        {105, "ReportWarning level 3", "105.1/60 source=a eventid=7 event=c"},
+        {106, "Read Lock Wait level 5", "106.1/60 lock=a locksite=b"},
+        {107, "Write Lock Wait level 5", "107.1/60 lock=a locksite=b"},
+    };
+    TakeEvents(), s_names.clear();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.id);
+        FireDiagnosticEvent(row.id, 1, 60, values, 4);
+        EXPECT_EQ(TakeEvents(), row.fields);
+        ASSERT_EQ(s_names.size(), 1u);
+        EXPECT_EQ(std::exchange(s_names, {})[0], row.name);
+    }
+    FireDiagnosticEvent(103, 2, 0, values, 1);
+    EXPECT_EQ(TakeEvents(), "103.2/0 source=a eventid=0 event=") << "missing fields are empty";
+    FireDiagnosticEvent(108, 1, 0, values, 4);
+    EXPECT_EQ(TakeEvents(), "") << "no event outside the catalogue";
+    s_enable(nullptr, 0, 0, 0, 0, nullptr, s_libraryContext); // the session ends
+    FireDiagnosticEvent(102, 1, 0, values, 1);
+    EXPECT_FALSE(GetDiagnosticCatalogue()->enabled);
+    s_enable(nullptr, 1, 5, 0, 0, nullptr, s_libraryContext);
+    EXPECT_EQ(TakeEvents(), "") << "nothing while no session listens";
+    s_names.clear();
+}
+
 // The child holds a section for a scripted number of counter ticks (1 ms each).
 TEST(MonitoredSection, LongHoldReportAgainstTheThreshold) {
     const struct {
@@ -150,6 +190,7 @@ TEST(MonitoredSection, LongHoldReportAgainstTheThreshold) {
         {"a section without a name is Unknown", nullptr, L"u301",
          R"("lockname":"Unknown","locksite":"KvtSite","calltime_ms":301,"threshold_ms":300)"},
         {"a non-numeric threshold keeps 300", L"fast", L"301", R"("threshold_ms":300)"},
+        {"a number with a unit keeps 300", L"50ms", L"301", R"("threshold_ms":300)"},
         {"21 digits keep 300", L"000000000000000000050", L"301", R"("threshold_ms":300)"},
         {"a numeric threshold is taken", L"50", L"51", R"("calltime_ms":51,"threshold_ms":50)"},
         {"0 switches the report off", L"0", L"100000", nullptr},
