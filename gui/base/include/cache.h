@@ -30,13 +30,13 @@ inline HANDLE CacheMemoryOnly() {
 }
 
 struct CacheFile {
-    HANDLE file = nullptr;      // the open file, or CacheMemoryOnly()
-    HANDLE map = nullptr;       // the mapping (or temporary copy), or CacheMemoryOnly()
-    uint8_t* base = nullptr;    // start of the view (of the heap block when memory-only)
+    HANDLE file = nullptr;       // the open file, or CacheMemoryOnly()
+    HANDLE map = nullptr;        // the mapping (or temporary copy), or CacheMemoryOnly()
+    uint8_t* base = nullptr;     // start of the view (of the heap block when memory-only)
     uint8_t* position = nullptr; // where the next read or write happens
-    uint64_t capacity = 0;      // bytes in the view
-    bool dirty = false;         // grown or written
-    uint64_t size = 0;          // bytes of data: the file's, or up to the furthest write
+    uint64_t capacity = 0;       // bytes in the view
+    bool dirty = false;          // grown or written
+    uint64_t size = 0;           // bytes of data: the file's, or up to the furthest write
     uint32_t mode = 0;
     bool noCopy = false;   // the temporary copy is forbidden
     bool copy = false;     // the buffer is the temporary copy of a file that would not map
@@ -70,5 +70,4 @@ bool CloseCache(CacheFile* cache);
 // The filter of the cache's guarded view accesses: handles an in-page error
 // (0xC0000006: a page of the file could not be read or written) with a report,
 // passes anything else on.
-int InPageErrorFilter(const char* context, _EXCEPTION_POINTERS* exceptionPointers,
-                      int disposition);
+int InPageErrorFilter(const char* context, _EXCEPTION_POINTERS* exceptionPointers, int disposition);

@@ -84,7 +84,8 @@ int ExceptionFilter(const char* context, EXCEPTION_POINTERS* exceptionPointers, 
     const uint32_t code = record != nullptr ? record->ExceptionCode : 0;
     const uint32_t flags = record != nullptr ? record->ExceptionFlags : 0;
     void* address = record != nullptr ? record->ExceptionAddress : nullptr;
-    const char* kind = flags == EXCEPTION_NONCONTINUABLE ? "Non-continuable exception" : "Exception";
+    const char* kind =
+        flags == EXCEPTION_NONCONTINUABLE ? "Non-continuable exception" : "Exception";
     const char* name = ExceptionNameOf(code);
 
     const Str message =

@@ -12,8 +12,7 @@ namespace {
 
 // One pass of the formatter under the library's guard: a bad argument (a text
 // pointer that is not one) fails the format instead of the process.
-int FormatPass(const char* site, char* buffer, size_t size, const char* format,
-               va_list arguments) {
+int FormatPass(const char* site, char* buffer, size_t size, const char* format, va_list arguments) {
     int result = -1;
     auto pass = [&] { result = vsnprintf(buffer, size, format, arguments); };
     return RunGuarded(site, ExceptionFilter, pass) ? result : -1;

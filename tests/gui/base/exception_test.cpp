@@ -114,22 +114,23 @@ TEST_F(Guard, FilterNamesReportsAndAnswers) {
         SetLastError(0xBEEF);
         EXPECT_EQ(ExceptionFilter(c.context, &pointers, c.disposition), c.answer) << c.first;
         EXPECT_EQ(GetLastError(), 0xBEEFu);
-        const std::string info = c.second.empty() ? "" : StrFormat(rw.c_str(), c.second.c_str()).Text();
+        const std::string info =
+            c.second.empty() ? "" : StrFormat(rw.c_str(), c.second.c_str()).Text();
         std::string expected = "ExceptionFilter: " + c.first + " at address " + Ptr(at) +
                                (c.context ? " (site)" : "") + "\n" +
                                (info.empty() ? "" : "ExceptionFilter: " + info + "\n") +
                                "ReportEvent: QELGUI-00400: Exception occured\n  type: " +
                                c.first.substr(0, c.first.find(" 0x")) +
-                               StrFormat("\n  code: 0x%08X\n", c.code).Text() + "  error: " +
-                               FormatSystemError(c.code).Text() + "\n  address: " + Ptr(at) +
-                               (c.context ? "\n  context: site" : "") +
+                               StrFormat("\n  code: 0x%08X\n", c.code).Text() +
+                               "  error: " + FormatSystemError(c.code).Text() +
+                               "\n  address: " + Ptr(at) + (c.context ? "\n  context: site" : "") +
                                (info.empty() ? "" : "\n  exceptioninfo: " + info) +
                                "\n  file: gui\\base\\include\\private\\system\n  line: ";
         EXPECT_EQ(Take().substr(0, expected.size()), expected);
     }
     ExceptionFilter(nullptr, nullptr, 1); // no record: code 0, no name, null address
-    EXPECT_EQ(Take().substr(0, 58), "ExceptionFilter: Exception 0x00000000 () at address " +
-                                        Ptr(nullptr).substr(0, 6));
+    EXPECT_EQ(Take().substr(0, 58),
+              "ExceptionFilter: Exception 0x00000000 () at address " + Ptr(nullptr).substr(0, 6));
 }
 
 TEST_F(Guard, RealFaultsAreReportedAndHandled) {
@@ -184,7 +185,8 @@ TEST_F(Guard, UnwindsTheStackAndKeepsTheCallersRegisters) {
         for (int i = 0; i < 5000; ++i) {
             a = a * 6364136223846793005ull + i, b ^= a >> 7, c += b * 3, d -= c;
             x = x * 1.000001 + y, y = y * 0.999999 + x * 1e-9;
-            EXPECT_NE(RunGuarded("loop", Handle, fault ? ClobberAndFault : [](void*) {}, &depth),
+            EXPECT_NE(RunGuarded(
+                          "loop", Handle, fault ? ClobberAndFault : [](void*) {}, &depth),
                       fault);
             first = first ? first : depth;
             EXPECT_EQ(depth, first) << "the stack was not unwound";
@@ -201,7 +203,8 @@ TEST_F(Guard, AFaultingThreadExitCleanUpIsReportedAndTheOthersRun) {
         nullptr, 0,
         [](void*) -> DWORD {
             RegisterThreadExit(1, WriteFault, nullptr);
-            RegisterThreadExit(2, [](void*) { laterRan = true; }, nullptr);
+            RegisterThreadExit(
+                2, [](void*) { laterRan = true; }, nullptr);
             return 0;
         },
         nullptr, 0, nullptr);
@@ -221,11 +224,12 @@ TEST_F(Guard, BoxThreadAndFormattingSitesFailAlone) {
     static char* page = static_cast<char*>(VirtualAlloc(nullptr, 4096, MEM_COMMIT, PAGE_READWRITE));
     static bool armed = false;
     static const AllocSeams lockPage = {[](size_t) {
-        DWORD old;
-        if (std::exchange(armed, false))
-            VirtualProtect(page, 4096, PAGE_NOACCESS, &old);
-        return false;
-    }, nullptr};
+                                            DWORD old;
+                                            if (std::exchange(armed, false))
+                                                VirtualProtect(page, 4096, PAGE_NOACCESS, &old);
+                                            return false;
+                                        },
+                                        nullptr};
     SetAllocSeamsForTesting(&lockPage);
     wcscpy(reinterpret_cast<wchar_t*>(page), L"text");
     const char* unreadable = reinterpret_cast<const char*>(kBad);
@@ -288,7 +292,9 @@ int Child(const std::string& what) {
             nullptr, 0, nullptr));
         CloseHandle(CreateThread(
             nullptr, 0,
-            [](void*) -> DWORD { return WaitForSingleObject(go, INFINITE), WriteFault(nullptr), 0; },
+            [](void*) -> DWORD {
+                return WaitForSingleObject(go, INFINITE), WriteFault(nullptr), 0;
+            },
             nullptr, 0, nullptr));
         RunGuarded("Waiting", ExceptionFilter, [] { SetEvent(go), Sleep(20000); });
     }
