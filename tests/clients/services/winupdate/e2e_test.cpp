@@ -74,46 +74,6 @@ TEST_F(EndToEnd, SignedPackageIsInstalledFromTheUpdateDirectory) {
     EXPECT_EQ(text.rfind("Korvanta test payload", 0), 0u) << text;
 }
 
-TEST_F(EndToEnd, EveryRequestGetsItsCodeAndRefusedOnesAreGone) {
-    ScratchDir scratch(L"e2e");
-    const struct {
-        std::wstring stem;
-        const wchar_t* fixture;
-        DWORD code;
-    } cases[] = {
-        {L"e2e organisational unit", L"signed-ou.msi", 0},
-        {L"e2e lower case", L"signed-lower.msi", 5},
-        {L"e2e unsigned \u00e4", L"unsigned.msi", 6},
-        {L"e2e damaged", L"damaged-signature.msi", 6},
-    };
-    for (const auto& c : cases) {
-        const std::wstring package = scratch.Join(c.stem + L".msi");
-        ASSERT_TRUE(CopyFileW(FixturePath(c.fixture).c_str(), package.c_str(), FALSE));
-        const ProcessResult r = Push(package);
-        SCOPED_TRACE(Narrow(c.stem));
-        EXPECT_EQ(r.exitCode, c.code) << r.out << r.err;
-        EXPECT_FALSE(PathExists(Drop(c.stem + L".msi")) || PathExists(Drop(c.stem + L".pending")));
-        EXPECT_EQ(PathExists(Update(c.stem + L".msi")), c.code == 0);
-    }
-
-    // A request without a package: code 7 and a marker that the next pass removes.
-    const std::wstring stem = L"e2e no package", marker = Drop(stem + L".removepending");
-    ASSERT_TRUE(WriteFileBytes(Drop(stem + L".pending"), ""));
-    UniqueHandle push(
-        OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Global\\com.korvanta.updateservice.msipush"));
-    ASSERT_TRUE(push && SetEvent(push.Get()));
-    ASSERT_TRUE(WaitForPath(Update(stem + L".result"), 20000));
-    Sleep(200);
-    std::string text;
-    ASSERT_TRUE(ReadFileBytes(Update(stem + L".result"), text));
-    EXPECT_TRUE(text.starts_with("0|") && text.ends_with(": 7")) << text;
-    EXPECT_TRUE(PathExists(marker) && !PathExists(Drop(stem + L".pending")));
-    SetEvent(push.Get());
-    for (ULONGLONG end = GetTickCount64() + 20000; PathExists(marker) && GetTickCount64() < end;)
-        Sleep(100);
-    EXPECT_FALSE(PathExists(marker));
-}
-
 // The policy as the installed service reads it: a value of any type but a
 // 4-byte REG_DWORD switches the pass off as 0 does; an absent value or a
 // non-zero DWORD lets it run. A directory named as the package is refused with
